@@ -1,0 +1,162 @@
+// The chunk container under every QV8 file: a signature page, named chunks
+// each starting on a page boundary, and a chunk map written last that indexes
+// them by name. Lives in a file or in a CKvByteArray.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string_view>
+
+#include "fileformat/CKvFileMemoWrapper.h"
+#include "gnr_system/CKvByteArray.h"
+#include "gnr_system/CKvString.h"
+#include "gnr_system/KvResult.h"
+
+// Every chunk starts at a multiple of this; all writes are whole pages.
+constexpr uint64_t kPageSize = 4096;
+// First four bytes of every chunk header.
+constexpr uint32_t kChunkMagic = 0x0ABECEDA;
+// Bytes of SKvChunkHeader on disk: magic, name length, data length.
+constexpr uint64_t kChunkHeaderSize = 16;
+// Name of the chunk at offset 0; it is never entered in the chunk map.
+constexpr std::string_view kSignatureChunkName = "QV8 FILE SIGNATURE CHUNK NAME01!";
+// Bytes of the signature chunk's data: the zero-filled version text.
+constexpr uint64_t kSignatureDataSize = 64;
+// The version text holds at most this many characters.
+constexpr size_t kMaxVersionLength = 63;
+// Header, name and version text of the signature chunk.
+constexpr uint64_t kSignatureBlockSize = kChunkHeaderSize + 32 + kSignatureDataSize;
+// Name of the chunk map chunk, always the last chunk of a finished file.
+constexpr std::string_view kChunkMapChunkName = "QV8 FILEMAP SIGNATURE NAME 0001!";
+// Written after the map entries and again at the very end of the file, each
+// time followed by the 64-bit offset of the map chunk.
+constexpr std::string_view kChunkMapSignature = "QV8 CHUNK MAP SIGNATURE 0000001!";
+// The last bytes of a finished file: map signature and map chunk offset.
+constexpr uint64_t kChunkMapTrailerSize = 32 + 8;
+// Longest chunk name the map reader accepts, without its "!".
+constexpr size_t kMaxChunkNameLength = 511;
+// Names of chunks added by a recovery callback: formatted with a counter.
+constexpr const char* kAddNewChunksName = "##ADD_NEW_CHUNKS##%i";
+
+// Chunk header as stored (little-endian on disk).
+struct SKvChunkHeader {
+    uint32_t magic = 0;       // kChunkMagic
+    uint32_t nameLength = 0;  // bytes of the name field: name text plus zero padding
+    uint64_t dataLength = 0;  // bytes of data after the name field
+};
+
+// Where a chunk is. `size` is the data length for chunks written by the
+// container and header + name + data for chunks found by a recovery scan;
+// readers take lengths from the chunk header and use only the position.
+struct SKvChunkMapMember {
+    uint64_t position = 0;  // file offset of the chunk header
+    uint64_t size = 0;
+};
+
+// Called for every chunk a recovery scan finds, and afterwards to add chunks.
+typedef int (*KvChunkCallback)(SKvChunkHeader& header, CKvStringA& name, CKvByteArray& data, void* userData);
+// Progress in [0, 1]; answering true cancels the operation with -8.
+typedef bool (*KvProgressCallback)(double fraction, void* userData);
+
+class CKvFileChunker {
+public:
+    using ChunkMap = std::map<CKvStringA, SKvChunkMapMember, CKvStringALess>;
+
+    CKvFileChunker();
+    // Copies the storage (sharing its stream or array), the map and the flags.
+    CKvFileChunker(const CKvFileChunker& other);
+    CKvFileChunker& operator=(const CKvFileChunker& other);
+    // Does not write the map: a writer must call Finalize first.
+    virtual ~CKvFileChunker();
+
+    // Opens a file. Read-only: checks the signature (-9 when it is not a
+    // container), returns its version text in `version` and reads the map
+    // (-13 and IsChunkMapMissing() when there is none). Writing a new file:
+    // writes the signature with `version`. Appending (`openExisting`): the
+    // map is read and new chunks go after the old map; an empty file is
+    // started anew; a container without a map answers -13 and accepts no
+    // writes until repaired; anything else -9, and the file is not touched.
+    kv_result Initialize_File(const wchar_t* fileName, bool readOnly, bool openExisting, CKvStringA& version);
+    // The same over a byte array, which must outlive the chunker.
+    kv_result Initialize_Memory(CKvByteArray& buffer, bool readOnly, bool openExisting, CKvStringA& version);
+
+    // Reads the whole data of a chunk ("!" is appended to `name` if missing).
+    // -13 for an unknown name, -9 for a damaged chunk; `data` is left as it
+    // was on failure when the damage is seen before reading the data.
+    kv_result GetChunk(CKvByteArray& data, const char* name);
+    // Reads `size` bytes at `offset` into the data of a chunk. A non-zero
+    // `header.magic` vouches that `header` already holds this chunk's header,
+    // which is then not read again; otherwise it is read into `header`.
+    // -9 when offset + size passes the data length (nothing is read).
+    kv_result GetChunkPart(SKvChunkHeader& header, CKvByteArray& data, uint64_t offset, uint32_t size, const char* name);
+    // True when the map holds exactly `name`; no "!" is appended here.
+    bool ExistChunk(const char* name) const;
+    // The name after `after` in ascending order (the first with an empty or
+    // null `after`); -13 at the end or when `after` is not in the map.
+    kv_result GetNextChunkID(CKvStringA& name, const char* after) const;
+
+    // Write a complete chunk at the end of the storage and point the map at
+    // it (an older chunk of the same name stays in the file as dead space).
+    // Names may not contain "!" except as their last character, nor be longer
+    // than kMaxChunkNameLength: -4.
+    kv_result SetChunk(const void* data, uint32_t size, const char* name);
+    kv_result SetChunk(const CKvByteArray& data, const char* name);
+    // Two parts: the first ends on a page boundary, so the second starts on
+    // one and is written straight from the caller's buffer.
+    kv_result SetChunk(const void* data1, uint32_t size1, const void* data2, uint32_t size2, const char* name);
+    // Streams one chunk in several calls. The first call for a name writes
+    // the header for size1 + restSize data bytes and data1; data2 of this and
+    // later calls is appended; `flush` writes the last partial page and ends
+    // the chunk. The parts must add up to restSize.
+    kv_result SetChunkPart(const void* data1, uint32_t size1, const void* data2, uint32_t size2, uint64_t restSize,
+                           bool flush, const char* name);
+    // Makes the storage at least `size` bytes long; the position is kept.
+    kv_result Reserve(uint64_t size);
+    // Replaces this map with a copy of another chunker's.
+    kv_result SetMapChunk(const CKvFileChunker* other);
+    // Rebuilds the map of a container that has none by scanning its chunks,
+    // writes it and reopens the storage read-only. `onChunk` sees every chunk
+    // found, then may add chunks (see kAddNewChunksName). -8 when `progress`
+    // cancels (nothing is written), -9 when the storage is not a container.
+    kv_result CreateMissingChunkMap(KvChunkCallback onChunk, void* userData, KvProgressCallback progress);
+    // Writes the map when the storage is writable and not yet finalized,
+    // then closes the storage. Answers the error of a failed map write.
+    kv_result Finalize();
+
+    const ChunkMap& GetChunkMap() const { return m_mapChunks; }
+    bool IsChunkMapMissing() const { return m_bChunkMapMissing; }
+    bool IsFinalized() const { return m_bFinalized; }
+    CKvFileMemoWrapper& Storage() { return m_storage; }
+
+private:
+    kv_result OpenCommon(bool readOnly, bool openExisting, CKvStringA& version);
+    kv_result CheckSignature(CKvStringA& version);
+    kv_result WriteSignature(const CKvStringA& version);
+    kv_result ReadChunkMap();
+    kv_result ParseChunkMap(const CKvByteArray& data);
+    kv_result WriteChunkMap();
+
+    kv_result StorageSize(uint64_t& size);
+    kv_result SeekTo(uint64_t position);
+    kv_result ReadExact(void* buffer, uint64_t size);
+    kv_result WriteExact(const void* buffer, uint64_t size);
+    kv_result ReadHeader(SKvChunkHeader& header, uint64_t& position);
+    kv_result Resynchronise(uint64_t from, uint64_t& found);
+    kv_result ReadChunkAt(uint64_t& position, SKvChunkHeader& header, CKvStringA& name, CKvByteArray* data);
+    kv_result FindChunk(const char* name, SKvChunkMapMember& member) const;
+    kv_result WriteChunk(const void* data1, uint64_t size1, const void* data2, uint64_t size2, std::string_view name);
+    kv_result WriteChunkStart(const void* data1, uint64_t size1, uint64_t dataLength, std::string_view name,
+                              uint64_t& position);
+    kv_result WritePagesFrom(const void* data, uint64_t size);
+    kv_result ReopenStorage(bool readOnly);
+
+    ChunkMap m_mapChunks;
+    CKvFileMemoWrapper m_storage;
+    bool m_bFinalized = false;
+    CKvByteArray m_aPage;              // scratch page: headers, and the unwritten tail of a streamed chunk
+    bool m_bChunkMapMissing = false;
+    uint32_t m_nPendingBytes = 0;      // streamed bytes waiting in m_aPage
+    CKvStringA m_strStreamedChunk;     // the chunk SetChunkPart is filling
+    CKvByteArray* m_pMemory = nullptr; // the array of memory storage, for reopening it
+    uint64_t m_nReadOnlySize = 0;      // size of read-only storage, taken when it was opened
+};

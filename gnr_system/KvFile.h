@@ -1,0 +1,64 @@
+// The KV_* file layer: thin functions over standard streams and POSIX calls
+// that take wide file names and answer kv_result codes. Every file access of
+// the library goes through here or through CKvFileMemoWrapper.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+#include "gnr_system/KvResult.h"
+
+// Parameter of an asynchronous write mode that this platform does not offer;
+// callers pass null and the functions ignore it.
+struct _KvIOASYNCINFO;
+
+// Bits of KV_OpenFile's flags.
+constexpr int KV_OPEN_READWRITE = 0x2;   // with KV_OPEN_TRUNCATE: "w+b" instead of "wb"
+constexpr int KV_OPEN_CREATE = 0x10;     // "w+b" when the file is missing, "r+b" when it exists
+constexpr int KV_OPEN_TRUNCATE = 0x10000;
+
+// Opens a stream. Mode: bit 16 gives "wb" ("w+b" with bit 1 too); otherwise
+// bit 4 gives "w+b" for a missing file and "r+b" for an existing one; with
+// neither, "r+b". `share` and `reserved` are ignored. -1000 when fopen fails.
+kv_result KV_OpenFile(const wchar_t* name, int flags, int share, int reserved, FILE** file);
+// -1001 when fclose fails.
+kv_result KV_CloseFile(FILE* file);
+// Reads `size` bytes; `*read` (if given) gets the count. -1002 on a short read.
+kv_result KV_ReadFile(FILE* file, void* buffer, uint64_t size, uint64_t* read);
+// Writes and flushes. Answers -1003 when at least one byte was written and 0
+// when none was: callers test `*written`, not the result.
+kv_result KV_WriteFile(FILE* file, const void* buffer, uint64_t size, uint64_t* written, _KvIOASYNCINFO* async);
+// Origin 0 from the start, 2 from the end, anything else from the current
+// position; flushes after seeking. -1004 when fseeko fails.
+kv_result KV_SeekFile(FILE* file, int64_t offset, uint32_t origin);
+// Current position; always 0.
+kv_result KV_FilePosition(FILE* file, uint64_t* position);
+// Truncates the file at the current position. -1009 when ftruncate fails.
+kv_result KV_SetEOF(FILE* file);
+// -1012 when fstat fails or the stream is on descriptor 0.
+kv_result KV_GetFileSize(FILE* file, uint64_t* size);
+kv_result KV_GetFileSizeFromName(const wchar_t* name, uint64_t* size);
+// unlink; a failure is reported (-1002) only when `reportError` is non-zero.
+kv_result KV_RemoveFile(const wchar_t* name, int reportError);
+// access(): mode bit 0 read, bit 1 write, bit 2 execute, 0 existence. -1002 on failure.
+kv_result KV_AccessFile(const wchar_t* name, int mode);
+// One mkdir, or with `recursive` one per path prefix and then the whole path.
+// Any failing mkdir answers -1014 at once, an existing parent included, so the
+// recursive form succeeds only when no component exists yet.
+kv_result KV_CreateDirectory(const wchar_t* name, int recursive, uint32_t permissions);
+// Copies to a destination that must not exist yet; -1 with errno kept on failure.
+kv_result KV_CopyFile(const wchar_t* from, const wchar_t* to);
+// Not supported on this platform: always -9.
+kv_result KV_MoveFile(const wchar_t* from, const wchar_t* to);
+// Copies "/tmp/" into `buffer` (at most `length` characters).
+kv_result KV_GetTempPath(wchar_t* buffer, uint32_t length);
+// A fresh file name in `directory` starting with `prefix`, copied into
+// `buffer` (at most `length` characters); with `create` the file is created
+// empty. -1023 when no name could be made or the file not created.
+kv_result KV_GetTempFileName(const wchar_t* directory, const wchar_t* prefix, int create, wchar_t* buffer,
+                             uint32_t length);
+// Number of processors as the OpenMP runtime reports it.
+int KV_GetProcessorCount();
+// Case-insensitive wide comparison: the difference of the first differing
+// characters after lowering, 0 for equal strings.
+int KV_Sstricmp(const wchar_t* a, const wchar_t* b);
