@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <string>
 #include <string_view>
 
 #include "fileformat/CKvFileMemoWrapper.h"
@@ -129,34 +130,45 @@ public:
     CKvFileMemoWrapper& Storage() { return m_storage; }
 
 private:
+    void ResetState();
     kv_result OpenCommon(bool readOnly, bool openExisting, CKvStringA& version);
+    kv_result OpenForAppending(CKvStringA& version);
     kv_result CheckSignature(CKvStringA& version);
     kv_result WriteSignature(const CKvStringA& version);
     kv_result ReadChunkMap();
     kv_result ParseChunkMap(const CKvByteArray& data);
     kv_result WriteChunkMap();
+    kv_result ScanChunks(KvChunkCallback onChunk, void* userData, KvProgressCallback progress, uint64_t& appendPosition);
+    kv_result AddChunksFromCallback(KvChunkCallback onChunk, void* userData);
 
     kv_result StorageSize(uint64_t& size);
     kv_result SeekTo(uint64_t position);
+    kv_result SeekToAppendPosition();
     kv_result ReadExact(void* buffer, uint64_t size);
     kv_result WriteExact(const void* buffer, uint64_t size);
     kv_result ReadHeader(SKvChunkHeader& header, uint64_t& position);
     kv_result Resynchronise(uint64_t from, uint64_t& found);
     kv_result ReadChunkAt(uint64_t& position, SKvChunkHeader& header, CKvStringA& name, CKvByteArray* data);
     kv_result FindChunk(const char* name, SKvChunkMapMember& member) const;
+    kv_result CheckWritable() const;
     kv_result WriteChunk(const void* data1, uint64_t size1, const void* data2, uint64_t size2, std::string_view name);
-    kv_result WriteChunkStart(const void* data1, uint64_t size1, uint64_t dataLength, std::string_view name,
-                              uint64_t& position);
-    kv_result WritePagesFrom(const void* data, uint64_t size);
+    kv_result WriteChunkStart(const void* data1, uint64_t size1, bool moreData, uint64_t dataLength,
+                              std::string_view name, uint64_t& position);
+    kv_result WriteTailPages(const void* data, uint64_t size);
+    kv_result FlushPendingPage();
     kv_result ReopenStorage(bool readOnly);
 
     ChunkMap m_mapChunks;
     CKvFileMemoWrapper m_storage;
     bool m_bFinalized = false;
-    CKvByteArray m_aPage;              // scratch page: headers, and the unwritten tail of a streamed chunk
+    CKvByteArray m_aPage;              // scratch page: the unwritten tail of a streamed chunk, zero beyond it
     bool m_bChunkMapMissing = false;
     uint32_t m_nPendingBytes = 0;      // streamed bytes waiting in m_aPage
     CKvStringA m_strStreamedChunk;     // the chunk SetChunkPart is filling
+    CKvByteArray m_aAssembly;          // header, name and first data pages of a chunk being written
+    std::string m_strNameField;        // name field of the chunk being read
     CKvByteArray* m_pMemory = nullptr; // the array of memory storage, for reopening it
-    uint64_t m_nReadOnlySize = 0;      // size of read-only storage, taken when it was opened
+    uint64_t m_nReadOnlySize = 0;      // size of read-only file storage, taken when it was opened
+    uint64_t m_nAppendPosition = 0;    // where the next chunk is written: the end of the chunks
+    bool m_bAtAppendPosition = false;  // the storage position is m_nAppendPosition
 };

@@ -161,6 +161,9 @@ KV_STRING_COMPARISONS(CKvStringA, char)
 struct CKvStringALess {
     using is_transparent = void;
     bool operator()(std::string_view a, std::string_view b) const { return a < b; }
+    bool operator()(const CKvStringA& a, const CKvStringA& b) const { return a.View() < b.View(); }
+    bool operator()(const CKvStringA& a, std::string_view b) const { return a.View() < b; }
+    bool operator()(std::string_view a, const CKvStringA& b) const { return a < b.View(); }
 };
 
 class CKvStringUtils {

@@ -12,14 +12,16 @@
 // callers pass null and the functions ignore it.
 struct _KvIOASYNCINFO;
 
-// Bits of KV_OpenFile's flags.
-constexpr int KV_OPEN_READWRITE = 0x2;   // with KV_OPEN_TRUNCATE: "w+b" instead of "wb"
-constexpr int KV_OPEN_CREATE = 0x10;     // "w+b" when the file is missing, "r+b" when it exists
-constexpr int KV_OPEN_TRUNCATE = 0x10000;
+// Values of KV_OpenFile's flags.
+constexpr int KV_OPEN_READWRITE = 0x1;   // with KV_OPEN_TRUNCATE: "w+b" instead of "wb"
+constexpr int KV_OPEN_CREATE = 0x4;      // "w+b" when the file is missing, "r+b" when it exists
+constexpr int KV_OPEN_TRUNCATE = 0x10;   // "wb": create or truncate
 
-// Opens a stream. Mode: bit 16 gives "wb" ("w+b" with bit 1 too); otherwise
-// bit 4 gives "w+b" for a missing file and "r+b" for an existing one; with
-// neither, "r+b". `share` and `reserved` are ignored. -1000 when fopen fails.
+// Opens a stream. Mode from the flag values: 16 gives "wb" ("w+b" with 1
+// too); otherwise 4 gives "w+b" for a missing file and "r+b" for an existing
+// one; with neither, "r+b". So 15 opens for update and creates a missing file,
+// 11 opens an existing file for update only. `share` and `reserved` are
+// ignored. -1000 when fopen fails.
 kv_result KV_OpenFile(const wchar_t* name, int flags, int share, int reserved, FILE** file);
 // -1001 when fclose fails.
 kv_result KV_CloseFile(FILE* file);
@@ -50,11 +52,14 @@ kv_result KV_CreateDirectory(const wchar_t* name, int recursive, uint32_t permis
 kv_result KV_CopyFile(const wchar_t* from, const wchar_t* to);
 // Not supported on this platform: always -9.
 kv_result KV_MoveFile(const wchar_t* from, const wchar_t* to);
-// Copies "/tmp/" into `buffer` (at most `length` characters).
+// Copies "/tmp/" into `buffer` (at most `length` characters, terminator
+// included).
 kv_result KV_GetTempPath(wchar_t* buffer, uint32_t length);
-// A fresh file name in `directory` starting with `prefix`, copied into
-// `buffer` (at most `length` characters); with `create` the file is created
-// empty. -1023 when no name could be made or the file not created.
+// A fresh file name in `directory` (in "/tmp" when it is null or not a
+// writable directory) starting with at most 5 characters of `prefix`, copied
+// into `buffer` of `length` characters, terminator included; with `create` the
+// file is left behind empty. -1023 when no name could be made or it does not
+// fit in `buffer`.
 kv_result KV_GetTempFileName(const wchar_t* directory, const wchar_t* prefix, int create, wchar_t* buffer,
                              uint32_t length);
 // Number of processors as the OpenMP runtime reports it.

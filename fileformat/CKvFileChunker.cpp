@@ -1,0 +1,724 @@
+// Chunk container: reading, writing, appending and map recovery.
+#include "fileformat/CKvFileChunker.h"
+
+#include <cstring>
+#include <vector>
+
+#include "gnr_system/KvBytes.h"
+
+namespace {
+
+uint64_t RoundUpToPage(uint64_t n) { return (n + kPageSize - 1) / kPageSize * kPageSize; }
+
+// Bytes of zero name padding that make a chunk's first data part end on a
+// page boundary (so a second part starts on one).
+uint64_t NamePadding(uint64_t nameLength, uint64_t firstPartSize) {
+    const uint64_t total = kChunkHeaderSize + nameLength + firstPartSize;
+    return RoundUpToPage(total) - total;
+}
+
+void EncodeHeader(uint8_t* out, const SKvChunkHeader& h) {
+    kvbytes::StoreU32(out, h.magic);
+    kvbytes::StoreU32(out + 4, h.nameLength);
+    kvbytes::StoreU64(out + 8, h.dataLength);
+}
+
+SKvChunkHeader DecodeHeader(const uint8_t* in) {
+    SKvChunkHeader h;
+    h.magic = kvbytes::LoadU32(in);
+    h.nameLength = kvbytes::LoadU32(in + 4);
+    h.dataLength = kvbytes::LoadU64(in + 8);
+    return h;
+}
+
+// The map text that ends the entries: the map signature without its "!".
+constexpr std::string_view kMapEntriesEnd = kChunkMapSignature.substr(0, kChunkMapSignature.size() - 1);
+
+// A chunk name with its trailing "!", built without allocating for the
+// lengths a valid name can have.
+class NormalisedName {
+public:
+    explicit NormalisedName(const char* name) {
+        std::string_view v(name ? name : "");
+        if (!v.empty() && v.back() == '!') {
+            m_view = v;
+        } else if (v.size() + 1 <= sizeof m_buffer) {
+            std::memcpy(m_buffer, v.data(), v.size());
+            m_buffer[v.size()] = '!';
+            m_view = std::string_view(m_buffer, v.size() + 1);
+        } else {
+            m_long.assign(v).push_back('!');
+            m_view = m_long;
+        }
+    }
+    std::string_view View() const { return m_view; }
+    // A name the map can hold: "!" only at the end, not too long, and not the
+    // text that ends the map's entries.
+    bool IsValidForWriting() const {
+        const std::string_view body = m_view.substr(0, m_view.size() - 1);
+        return body.size() <= kMaxChunkNameLength && body.find('!') == std::string_view::npos &&
+               body != kMapEntriesEnd;
+    }
+
+private:
+    char m_buffer[kMaxChunkNameLength + 2];
+    std::string m_long;
+    std::string_view m_view;
+};
+
+}  // namespace
+
+CKvFileChunker::CKvFileChunker() : m_aPage(kPageSize), m_aAssembly(kPageSize) {
+    m_aPage.SetSize(kPageSize);
+    std::memset(m_aPage.GetData(), 0, kPageSize);
+}
+
+CKvFileChunker::CKvFileChunker(const CKvFileChunker& other) : CKvFileChunker() { *this = other; }
+
+CKvFileChunker& CKvFileChunker::operator=(const CKvFileChunker& other) {
+    if (this == &other) return *this;
+    m_mapChunks = other.m_mapChunks;
+    m_storage = other.m_storage;
+    m_bFinalized = other.m_bFinalized;
+    m_bChunkMapMissing = other.m_bChunkMapMissing;
+    m_nPendingBytes = 0;
+    std::memset(m_aPage.GetData(), 0, kPageSize);
+    m_strStreamedChunk.Empty();
+    m_pMemory = other.m_pMemory;
+    m_nReadOnlySize = other.m_nReadOnlySize;
+    m_nAppendPosition = other.m_nAppendPosition;
+    m_bAtAppendPosition = false;  // the shared stream's position belongs to whoever used it last
+    return *this;
+}
+
+CKvFileChunker::~CKvFileChunker() = default;
+
+void CKvFileChunker::ResetState() {
+    m_mapChunks.clear();
+    m_bFinalized = false;
+    m_bChunkMapMissing = false;
+    m_nPendingBytes = 0;
+    std::memset(m_aPage.GetData(), 0, kPageSize);
+    m_strStreamedChunk.Empty();
+    m_nReadOnlySize = 0;
+    m_nAppendPosition = 0;
+    m_bAtAppendPosition = false;
+}
+
+// ---- opening ----
+
+kv_result CKvFileChunker::Initialize_File(const wchar_t* fileName, bool readOnly, bool openExisting,
+                                          CKvStringA& version) {
+    ResetState();
+    m_pMemory = nullptr;
+    if (!fileName) return KV_ERR_INVALID_ARG;
+    if (m_storage.Initialize(fileName, readOnly, openExisting) != KV_OK) return KV_ERR_FAILED;
+    return OpenCommon(readOnly, openExisting, version);
+}
+
+kv_result CKvFileChunker::Initialize_Memory(CKvByteArray& buffer, bool readOnly, bool openExisting,
+                                            CKvStringA& version) {
+    ResetState();
+    m_pMemory = &buffer;
+    m_storage.Initialize(buffer, readOnly, openExisting);
+    return OpenCommon(readOnly, openExisting, version);
+}
+
+kv_result CKvFileChunker::OpenCommon(bool readOnly, bool openExisting, CKvStringA& version) {
+    if (readOnly) {
+        if (m_storage.IsFile() && m_storage.GetSize(&m_nReadOnlySize) != KV_OK) return KV_ERR_FAILED;
+        kv_result r = CheckSignature(version);
+        if (r != KV_OK) return r;
+        if (m_mapChunks.empty() && ReadChunkMap() != KV_OK) {
+            m_bChunkMapMissing = true;
+            return KV_ERR_NOT_FOUND;
+        }
+        return KV_OK;
+    }
+    if (openExisting) return OpenForAppending(version);
+
+    // A new container: whatever the storage held before is replaced.
+    kv_result r = WriteSignature(version);
+    if (r == KV_OK) r = m_storage.SetEOF();
+    return r;
+}
+
+kv_result CKvFileChunker::OpenForAppending(CKvStringA& version) {
+    uint64_t size = 0;
+    if (StorageSize(size) != KV_OK) return KV_ERR_FAILED;
+    if (size == 0) return WriteSignature(version);
+
+    // Existing bytes are never overwritten: a storage that is not a container
+    // is refused, and a container without a map must be repaired first.
+    CKvStringA existing;
+    if (CheckSignature(existing) != KV_OK) return KV_ERR_FAILED;
+    version = existing;
+    if (ReadChunkMap() != KV_OK) {
+        m_mapChunks.clear();
+        m_bChunkMapMissing = true;
+        return KV_ERR_NOT_FOUND;
+    }
+    // New chunks go after the old map chunk, which becomes dead space.
+    m_nAppendPosition = RoundUpToPage(size);
+    m_bAtAppendPosition = false;
+    return KV_OK;
+}
+
+kv_result CKvFileChunker::CheckSignature(CKvStringA& version) {
+    uint8_t block[kSignatureBlockSize];
+    if (SeekTo(0) != KV_OK || ReadExact(block, sizeof block) != KV_OK) return KV_ERR_FAILED;
+    const SKvChunkHeader h = DecodeHeader(block);
+    if (h.magic != kChunkMagic || h.nameLength != kSignatureChunkName.size() || h.dataLength != kSignatureDataSize ||
+        std::memcmp(block + kChunkHeaderSize, kSignatureChunkName.data(), kSignatureChunkName.size()) != 0)
+        return KV_ERR_FAILED;
+    const char* text = reinterpret_cast<const char*>(block + kChunkHeaderSize + kSignatureChunkName.size());
+    version = CKvStringA(text, strnlen(text, kSignatureDataSize));
+    return KV_OK;
+}
+
+kv_result CKvFileChunker::WriteSignature(const CKvStringA& version) {
+    uint8_t page[kPageSize] = {};
+    EncodeHeader(page, SKvChunkHeader{kChunkMagic, static_cast<uint32_t>(kSignatureChunkName.size()), kSignatureDataSize});
+    std::memcpy(page + kChunkHeaderSize, kSignatureChunkName.data(), kSignatureChunkName.size());
+    const size_t n = version.Size() < kMaxVersionLength ? version.Size() : kMaxVersionLength;
+    std::memcpy(page + kChunkHeaderSize + kSignatureChunkName.size(), version.c_str(), n);
+    if (SeekTo(0) != KV_OK || WriteExact(page, sizeof page) != KV_OK) return KV_ERR_FAILED;
+    m_nAppendPosition = kPageSize;
+    m_bAtAppendPosition = true;
+    return KV_OK;
+}
+
+// ---- the chunk map ----
+
+kv_result CKvFileChunker::ReadChunkMap() {
+    uint64_t size = 0;
+    if (StorageSize(size) != KV_OK || size < kChunkMapTrailerSize) return KV_ERR_FAILED;
+    uint8_t trailer[kChunkMapTrailerSize];
+    if (SeekTo(size - kChunkMapTrailerSize) != KV_OK || ReadExact(trailer, sizeof trailer) != KV_OK)
+        return KV_ERR_FAILED;
+    if (std::memcmp(trailer, kChunkMapSignature.data(), kChunkMapSignature.size()) != 0) return KV_ERR_FAILED;
+    uint64_t position = kvbytes::LoadU64(trailer + kChunkMapSignature.size());
+
+    SKvChunkHeader header;
+    CKvStringA name;
+    CKvByteArray data;
+    kv_result r = ReadChunkAt(position, header, name, &data);
+    if (r != KV_OK) return r;
+    return ParseChunkMap(data);
+}
+
+kv_result CKvFileChunker::ParseChunkMap(const CKvByteArray& data) {
+    m_mapChunks.clear();
+    CKvByteCursor cursor(data.GetData(), static_cast<size_t>(data.GetSize()));
+    while (!cursor.AtEnd()) {
+        const size_t length = cursor.FindByte('!', kMaxChunkNameLength);
+        const std::string_view text(reinterpret_cast<const char*>(cursor.Current()),
+                                    length < cursor.Remaining() ? length : cursor.Remaining());
+        if (text == kMapEntriesEnd) return KV_OK;
+        // The name must end in "!" within the length limit, and its position
+        // and size must follow in full.
+        if (length >= cursor.Remaining() || cursor.Current()[length] != '!') return KV_ERR_FAILED;
+        cursor.Skip(length + 1);
+        SKvChunkMapMember member;
+        if (!cursor.ReadU64(member.position) || !cursor.ReadU64(member.size)) return KV_ERR_FAILED;
+        CKvStringA key(text.data(), text.size() + 1);  // the name with its "!"
+        // Entries come in descending order, so each new one goes in front;
+        // of a name stored twice the first entry wins.
+        m_mapChunks.try_emplace(m_mapChunks.begin(), std::move(key), member);
+    }
+    return KV_ERR_FAILED;  // the entries ran out without the closing signature
+}
+
+kv_result CKvFileChunker::WriteChunkMap() {
+    uint64_t entriesSize = 0;
+    for (const auto& entry : m_mapChunks) entriesSize += entry.first.Size() + 16;
+    const uint64_t position = m_nAppendPosition;
+    const uint64_t fixed = kChunkHeaderSize + kChunkMapChunkName.size() + 2 * kChunkMapTrailerSize;
+    const uint64_t zeros = RoundUpToPage(fixed + entriesSize) - (fixed + entriesSize);
+    const uint64_t dataSize = entriesSize + 2 * kChunkMapTrailerSize + zeros;
+    if (dataSize > UINT32_MAX) return KV_ERR_FAILED;
+
+    std::vector<uint8_t> buffer(static_cast<size_t>(dataSize), 0);
+    uint8_t* out = buffer.data();
+    for (auto it = m_mapChunks.rbegin(); it != m_mapChunks.rend(); ++it) {
+        std::memcpy(out, it->first.c_str(), it->first.Size());
+        out += it->first.Size();
+        kvbytes::StoreU64(out, it->second.position);
+        kvbytes::StoreU64(out + 8, it->second.size);
+        out += 16;
+    }
+    for (uint8_t* block : {out, buffer.data() + dataSize - kChunkMapTrailerSize}) {
+        std::memcpy(block, kChunkMapSignature.data(), kChunkMapSignature.size());
+        kvbytes::StoreU64(block + kChunkMapSignature.size(), position);
+    }
+    kv_result r = WriteChunk(buffer.data(), dataSize, nullptr, 0, kChunkMapChunkName);
+    if (r != KV_OK) return r;
+    return m_storage.SetEOF();
+}
+
+// ---- low-level access ----
+
+kv_result CKvFileChunker::StorageSize(uint64_t& size) {
+    if (m_storage.IsFile() && m_storage.GetReadOnly()) {
+        size = m_nReadOnlySize;
+        return KV_OK;
+    }
+    return m_storage.GetSize(&size);
+}
+
+kv_result CKvFileChunker::SeekTo(uint64_t position) {
+    if (position > static_cast<uint64_t>(INT64_MAX)) return KV_ERR_FAILED;
+    m_bAtAppendPosition = false;
+    return m_storage.SeekFile(static_cast<int64_t>(position), 0) == KV_OK ? KV_OK : KV_ERR_FAILED;
+}
+
+kv_result CKvFileChunker::SeekToAppendPosition() {
+    if (m_bAtAppendPosition) return KV_OK;
+    kv_result r = SeekTo(m_nAppendPosition);
+    m_bAtAppendPosition = (r == KV_OK);
+    return r;
+}
+
+kv_result CKvFileChunker::ReadExact(void* buffer, uint64_t size) {
+    if (size == 0) return KV_OK;
+    m_bAtAppendPosition = false;
+    uint64_t got = 0;
+    if (m_storage.ReadFile(buffer, size, &got) != KV_OK || got != size) return KV_ERR_FAILED;
+    return KV_OK;
+}
+
+kv_result CKvFileChunker::WriteExact(const void* buffer, uint64_t size) {
+    if (size == 0) return KV_OK;
+    uint64_t written = 0;
+    if (m_storage.WriteFile(buffer, size, &written) != KV_OK || written != size) return KV_ERR_FAILED;
+    return KV_OK;
+}
+
+// Reads the header at `position`; when its magic is wrong, the next magic
+// after it is taken as the chunk start and `position` moves there.
+kv_result CKvFileChunker::ReadHeader(SKvChunkHeader& header, uint64_t& position) {
+    uint8_t raw[kChunkHeaderSize];
+    if (SeekTo(position) != KV_OK || ReadExact(raw, sizeof raw) != KV_OK) return KV_ERR_FAILED;
+    header = DecodeHeader(raw);
+    if (header.magic == kChunkMagic) return KV_OK;
+
+    uint64_t found = 0;
+    if (Resynchronise(position, found) != KV_OK) return KV_ERR_FAILED;
+    if (SeekTo(found) != KV_OK || ReadExact(raw, sizeof raw) != KV_OK) return KV_ERR_FAILED;
+    header = DecodeHeader(raw);
+    if (header.magic != kChunkMagic) return KV_ERR_FAILED;
+    position = found;
+    return KV_OK;
+}
+
+// Finds the next chunk magic at or after `from`, a page of storage at a time.
+// The last three bytes of each block are kept in front of the next one so a
+// magic that straddles two blocks is found.
+kv_result CKvFileChunker::Resynchronise(uint64_t from, uint64_t& found) {
+    uint8_t magic[4];
+    kvbytes::StoreU32(magic, kChunkMagic);
+    uint8_t buffer[kPageSize + kChunkHeaderSize];
+    constexpr size_t kOverlap = sizeof magic - 1;
+    size_t carried = 0;
+    uint64_t bufferStart = from;
+    if (SeekTo(from) != KV_OK) return KV_ERR_FAILED;
+    for (;;) {
+        uint64_t got = 0;
+        m_storage.ReadFile(buffer + carried, kPageSize, &got);
+        if (got == 0) return KV_ERR_FAILED;
+        const size_t total = carried + static_cast<size_t>(got);
+        const void* hit = memmem(buffer, total, magic, sizeof magic);
+        if (hit) {
+            found = bufferStart + static_cast<uint64_t>(static_cast<const uint8_t*>(hit) - buffer);
+            return KV_OK;
+        }
+        carried = total < kOverlap ? total : kOverlap;
+        std::memmove(buffer, buffer + total - carried, carried);
+        bufferStart += total - carried;
+    }
+}
+
+// Reads the chunk at `position` (moved to the chunk's real start when the
+// reader had to resynchronise): its header, its name, and its data when
+// `data` is given. Every length is checked against the storage first.
+kv_result CKvFileChunker::ReadChunkAt(uint64_t& position, SKvChunkHeader& header, CKvStringA& name,
+                                      CKvByteArray* data) {
+    kv_result r = ReadHeader(header, position);
+    if (r != KV_OK) return r;
+    uint64_t size = 0;
+    if (StorageSize(size) != KV_OK || size < position || size - position < kChunkHeaderSize) return KV_ERR_FAILED;
+    uint64_t available = size - position - kChunkHeaderSize;
+    if (header.nameLength > available) return KV_ERR_FAILED;
+    available -= header.nameLength;
+    if (header.dataLength > available) return KV_ERR_FAILED;
+
+    m_strNameField.resize(header.nameLength);
+    if (ReadExact(&m_strNameField[0], header.nameLength) != KV_OK) return KV_ERR_FAILED;
+    name = CKvStringA(m_strNameField.c_str(), strnlen(m_strNameField.c_str(), m_strNameField.size()));
+
+    if (!data) return KV_OK;
+    // Whole chunks are read into one array of at most 4 GiB.
+    if (header.dataLength > UINT32_MAX) return KV_ERR_FAILED;
+    const uint64_t previousSize = data->GetSize();
+    if (data->SetSize(header.dataLength) != KV_OK) return KV_ERR_OUT_OF_MEMORY;
+    if (ReadExact(data->GetData(), header.dataLength) != KV_OK) {
+        data->SetSize(previousSize);
+        return KV_ERR_FAILED;
+    }
+    return KV_OK;
+}
+
+kv_result CKvFileChunker::FindChunk(const char* name, SKvChunkMapMember& member) const {
+    if (!name) return KV_ERR_INVALID_ARG;
+    const NormalisedName key(name);
+    auto it = m_mapChunks.find(key.View());
+    if (it == m_mapChunks.end()) return KV_ERR_NOT_FOUND;
+    member = it->second;
+    return KV_OK;
+}
+
+// ---- reading ----
+
+kv_result CKvFileChunker::GetChunk(CKvByteArray& data, const char* name) {
+    SKvChunkMapMember member;
+    kv_result r = FindChunk(name, member);
+    if (r != KV_OK) return r;
+    SKvChunkHeader header;
+    CKvStringA found;
+    uint64_t position = member.position;
+    return ReadChunkAt(position, header, found, &data);
+}
+
+kv_result CKvFileChunker::GetChunkPart(SKvChunkHeader& header, CKvByteArray& data, uint64_t offset, uint32_t size,
+                                       const char* name) {
+    SKvChunkMapMember member;
+    kv_result r = FindChunk(name, member);
+    if (r != KV_OK) return r;
+    uint64_t position = member.position;
+    if (header.magic == 0) {
+        SKvChunkHeader read;
+        r = ReadHeader(read, position);
+        if (r != KV_OK) return r;
+        header = read;
+    }
+    // Everything is checked before the caller's array is touched: the range
+    // inside the chunk's data, and the chunk's data inside the storage.
+    uint64_t storageSize = 0;
+    if (StorageSize(storageSize) != KV_OK) return KV_ERR_FAILED;
+    if (offset > header.dataLength || size > header.dataLength - offset) return KV_ERR_FAILED;
+    const uint64_t dataStart = position + kChunkHeaderSize + header.nameLength;
+    if (position > storageSize || storageSize - position < kChunkHeaderSize + header.nameLength ||
+        offset + size > storageSize - dataStart)
+        return KV_ERR_FAILED;
+    if (size == 0) return data.SetSize(0);
+    if (SeekTo(dataStart + offset) != KV_OK) return KV_ERR_FAILED;
+    const uint64_t previousSize = data.GetSize();
+    if (data.SetSize(size) != KV_OK) return KV_ERR_OUT_OF_MEMORY;
+    if (ReadExact(data.GetData(), size) != KV_OK) {
+        data.SetSize(previousSize);
+        return KV_ERR_FAILED;
+    }
+    return KV_OK;
+}
+
+bool CKvFileChunker::ExistChunk(const char* name) const {
+    return name && m_mapChunks.find(std::string_view(name)) != m_mapChunks.end();
+}
+
+kv_result CKvFileChunker::GetNextChunkID(CKvStringA& name, const char* after) const {
+    auto it = m_mapChunks.begin();
+    if (after && *after) {
+        it = m_mapChunks.find(std::string_view(after));
+        if (it == m_mapChunks.end()) return KV_ERR_NOT_FOUND;
+        ++it;
+    }
+    if (it == m_mapChunks.end()) return KV_ERR_NOT_FOUND;
+    name = it->first;
+    return KV_OK;
+}
+
+// ---- writing ----
+
+kv_result CKvFileChunker::CheckWritable() const {
+    if (m_bChunkMapMissing) return KV_ERR_NOT_FOUND;  // appending to an unrepaired container
+    if (m_bFinalized || !m_storage.IsOpen()) return KV_ERR_FAILED;
+    return KV_OK;
+}
+
+kv_result CKvFileChunker::SetChunk(const void* data, uint32_t size, const char* name) {
+    return SetChunk(data, size, nullptr, 0, name);
+}
+
+kv_result CKvFileChunker::SetChunk(const CKvByteArray& data, const char* name) {
+    if (data.GetSize() > UINT32_MAX) return KV_ERR_INVALID_ARG;
+    return SetChunk(data.GetData(), static_cast<uint32_t>(data.GetSize()), nullptr, 0, name);
+}
+
+kv_result CKvFileChunker::SetChunk(const void* data1, uint32_t size1, const void* data2, uint32_t size2,
+                                   const char* name) {
+    if (!name) return KV_ERR_INVALID_ARG;
+    const NormalisedName key(name);
+    if (!key.IsValidForWriting()) return KV_ERR_INVALID_ARG;
+    kv_result r = CheckWritable();
+    if (r != KV_OK) return r;
+    return WriteChunk(data1, size1, data2, size2, key.View());
+}
+
+// Writes header, name, name padding and the first part of a chunk. The pages
+// that hold the header are assembled in the scratch array; the rest of the
+// first part, whole pages by construction, goes straight from the caller.
+kv_result CKvFileChunker::WriteChunkStart(const void* data1, uint64_t size1, bool moreData, uint64_t dataLength,
+                                          std::string_view name, uint64_t& position) {
+    kv_result r = SeekToAppendPosition();
+    if (r != KV_OK) return r;
+    position = m_nAppendPosition;
+
+    const uint64_t first = data1 ? size1 : 0;
+    // Padding makes the first part end on a page boundary; a chunk with only
+    // later parts is padded too, so that they start on one.
+    const uint64_t padding = (first > 0 || moreData) ? NamePadding(name.size(), first) : 0;
+    const uint64_t headBlock = kChunkHeaderSize + name.size() + padding;
+    const uint64_t firstInHead = first == 0 ? 0 : (RoundUpToPage(headBlock) - headBlock);
+    const uint64_t headPages = RoundUpToPage(headBlock + firstInHead);
+
+    if (m_aAssembly.SetSize(headPages) != KV_OK) return KV_ERR_OUT_OF_MEMORY;
+    uint8_t* out = m_aAssembly.GetData();
+    std::memset(out, 0, static_cast<size_t>(headPages));
+    EncodeHeader(out, SKvChunkHeader{kChunkMagic, static_cast<uint32_t>(name.size() + padding), dataLength});
+    std::memcpy(out + kChunkHeaderSize, name.data(), name.size());
+    if (firstInHead) std::memcpy(out + headBlock, data1, static_cast<size_t>(firstInHead));
+
+    r = WriteExact(out, headPages);
+    if (r == KV_OK && first > firstInHead)
+        r = WriteExact(static_cast<const uint8_t*>(data1) + firstInHead, first - firstInHead);
+    if (r != KV_OK) {
+        m_bAtAppendPosition = false;
+        return r;
+    }
+    m_nAppendPosition = position + headPages + (first - firstInHead);
+    return KV_OK;
+}
+
+// Writes data that starts on a page boundary: its whole pages directly,
+// its last partial page through a zeroed page.
+kv_result CKvFileChunker::WriteTailPages(const void* data, uint64_t size) {
+    const uint64_t whole = size / kPageSize * kPageSize;
+    const uint64_t rest = size - whole;
+    kv_result r = WriteExact(data, whole);
+    if (r == KV_OK && rest) {
+        uint8_t page[kPageSize] = {};
+        std::memcpy(page, static_cast<const uint8_t*>(data) + whole, static_cast<size_t>(rest));
+        r = WriteExact(page, kPageSize);
+    }
+    if (r != KV_OK) {
+        m_bAtAppendPosition = false;
+        return r;
+    }
+    m_nAppendPosition += RoundUpToPage(size);
+    return KV_OK;
+}
+
+kv_result CKvFileChunker::WriteChunk(const void* data1, uint64_t size1, const void* data2, uint64_t size2,
+                                     std::string_view name) {
+    const uint64_t first = data1 ? size1 : 0;
+    const uint64_t second = data2 ? size2 : 0;
+    uint64_t position = 0;
+    kv_result r = WriteChunkStart(data1, first, second > 0, first + second, name, position);
+    if (r == KV_OK && second) r = WriteTailPages(data2, second);
+    if (r != KV_OK) return r;
+    m_mapChunks.insert_or_assign(CKvStringA(name.data(), name.size()), SKvChunkMapMember{position, first + second});
+    return KV_OK;
+}
+
+kv_result CKvFileChunker::FlushPendingPage() {
+    if (m_nPendingBytes == 0) return KV_OK;
+    kv_result r = SeekToAppendPosition();
+    if (r == KV_OK) r = WriteExact(m_aPage.GetData(), kPageSize);
+    if (r != KV_OK) {
+        m_bAtAppendPosition = false;
+        return r;
+    }
+    m_nAppendPosition += kPageSize;
+    std::memset(m_aPage.GetData(), 0, kPageSize);
+    m_nPendingBytes = 0;
+    return KV_OK;
+}
+
+kv_result CKvFileChunker::SetChunkPart(const void* data1, uint32_t size1, const void* data2, uint32_t size2,
+                                       uint64_t restSize, bool flush, const char* name) {
+    if (!name) return KV_ERR_INVALID_ARG;
+    const NormalisedName key(name);
+    if (!key.IsValidForWriting()) return KV_ERR_INVALID_ARG;
+    kv_result r = CheckWritable();
+    if (r != KV_OK) return r;
+
+    if (m_strStreamedChunk.View() != key.View()) {
+        // A new chunk; the unflushed tail of a previous one is written first.
+        r = FlushPendingPage();
+        if (r != KV_OK) return r;
+        const uint64_t first = data1 ? size1 : 0;
+        if (first + restSize < first) return KV_ERR_INVALID_ARG;
+        uint64_t position = 0;
+        r = WriteChunkStart(data1, first, restSize > 0, first + restSize, key.View(), position);
+        if (r != KV_OK) return r;
+        m_mapChunks.insert_or_assign(CKvStringA(key.View().data(), key.View().size()),
+                                     SKvChunkMapMember{position, first + restSize});
+        m_strStreamedChunk = CKvStringA(key.View().data(), key.View().size());
+    }
+
+    if (data2 && size2) {
+        const auto* in = static_cast<const uint8_t*>(data2);
+        uint8_t* page = m_aPage.GetData();
+        if (m_nPendingBytes + static_cast<uint64_t>(size2) < kPageSize) {
+            std::memcpy(page + m_nPendingBytes, in, size2);
+            m_nPendingBytes += size2;
+        } else {
+            uint64_t used = 0;
+            if (m_nPendingBytes) {
+                used = kPageSize - m_nPendingBytes;
+                std::memcpy(page + m_nPendingBytes, in, static_cast<size_t>(used));
+                m_nPendingBytes = static_cast<uint32_t>(kPageSize);
+                r = FlushPendingPage();
+                if (r != KV_OK) return r;
+            }
+            const uint64_t whole = (size2 - used) / kPageSize * kPageSize;
+            r = SeekToAppendPosition();
+            if (r == KV_OK) r = WriteExact(in + used, whole);
+            if (r != KV_OK) {
+                m_bAtAppendPosition = false;
+                return r;
+            }
+            m_nAppendPosition += whole;
+            m_nPendingBytes = static_cast<uint32_t>(size2 - used - whole);
+            std::memcpy(page, in + used + whole, m_nPendingBytes);
+        }
+    }
+
+    if (flush) {
+        r = FlushPendingPage();
+        m_strStreamedChunk.Empty();  // the chunk is complete
+    }
+    return r;
+}
+
+kv_result CKvFileChunker::Reserve(uint64_t size) {
+    if (!m_storage.IsOpen()) return KV_ERR_FAILED;
+    if (!m_storage.IsFile()) return m_pMemory->Reserve(size) == KV_OK ? KV_OK : KV_ERR_OUT_OF_MEMORY;
+    uint64_t current = 0;
+    kv_result r = m_storage.GetSize(&current);
+    if (r != KV_OK || current >= size) return r;
+    r = SeekTo(size);
+    if (r == KV_OK) r = m_storage.SetEOF();
+    return r;
+}
+
+kv_result CKvFileChunker::SetMapChunk(const CKvFileChunker* other) {
+    if (!other) return KV_ERR_INVALID_ARG;
+    if (other != this) m_mapChunks = other->m_mapChunks;
+    return KV_OK;
+}
+
+kv_result CKvFileChunker::Finalize() {
+    kv_result r = KV_OK;
+    if (!m_bFinalized && m_storage.IsOpen() && !m_storage.GetReadOnly() && !m_bChunkMapMissing) {
+        r = FlushPendingPage();
+        if (r == KV_OK) r = WriteChunkMap();
+    }
+    const kv_result closed = m_storage.Finalize();
+    m_bFinalized = true;
+    return r != KV_OK ? r : closed;
+}
+
+// ---- recovery ----
+
+kv_result CKvFileChunker::ReopenStorage(bool readOnly) {
+    m_bAtAppendPosition = false;
+    if (!m_storage.IsFile()) {
+        if (!m_pMemory) return KV_ERR_FAILED;
+        return m_storage.Initialize(*m_pMemory, readOnly, true);
+    }
+    const CKvStringW name(m_storage.GetFileName());
+    m_storage.Finalize();
+    if (m_storage.Initialize(name.c_str(), readOnly, true) != KV_OK) return KV_ERR_FAILED;
+    if (readOnly && m_storage.GetSize(&m_nReadOnlySize) != KV_OK) return KV_ERR_FAILED;
+    return KV_OK;
+}
+
+// Reads chunk after chunk from the signature on, entering each in the map,
+// until the reader fails (the end of the storage, or damage). Answers where
+// new chunks may go: the page after the last good chunk.
+kv_result CKvFileChunker::ScanChunks(KvChunkCallback onChunk, void* userData, KvProgressCallback progress,
+                                     uint64_t& appendPosition) {
+    uint64_t total = 0;
+    if (StorageSize(total) != KV_OK) return KV_ERR_FAILED;
+    CKvStringA version;
+    if (CheckSignature(version) != KV_OK) return KV_ERR_FAILED;
+
+    CKvByteArray data;
+    uint64_t next = 0;
+    appendPosition = 0;
+    for (;;) {
+        SKvChunkHeader header;
+        CKvStringA name;
+        uint64_t position = next;
+        // The data is read only for a callback that wants to see it.
+        if (ReadChunkAt(position, header, name, onChunk ? &data : nullptr) != KV_OK) break;
+        if (onChunk) onChunk(header, name, data, userData);
+        const uint64_t length = kChunkHeaderSize + header.nameLength + header.dataLength;
+        m_mapChunks.insert_or_assign(name, SKvChunkMapMember{position, length});
+        next = position + length;
+        appendPosition = RoundUpToPage(next);
+        if (progress) {
+            const double fraction = total ? static_cast<double>(next) / static_cast<double>(total) : 1.0;
+            if (progress(fraction < 1.0 ? fraction : 1.0, userData)) return KV_ERR_CANCELLED;
+        }
+    }
+    return KV_OK;
+}
+
+kv_result CKvFileChunker::AddChunksFromCallback(KvChunkCallback onChunk, void* userData) {
+    for (int counter = 0;; ++counter) {
+        SKvChunkHeader header;
+        CKvStringA name;
+        name.Format(kAddNewChunksName, counter);
+        CKvByteArray data;
+        const int answer = onChunk(header, name, data, userData);
+        if (answer == KV_ERR_CANCELLED) return KV_OK;
+        if (answer != KV_OK) continue;
+        const NormalisedName key(name.c_str());
+        if (!key.IsValidForWriting() || data.GetSize() > UINT32_MAX) return KV_ERR_INVALID_ARG;
+        kv_result r = WriteChunk(data.GetData(), data.GetSize(), nullptr, 0, key.View());
+        if (r != KV_OK) return r;
+    }
+}
+
+kv_result CKvFileChunker::CreateMissingChunkMap(KvChunkCallback onChunk, void* userData,
+                                                KvProgressCallback progress) {
+    if (!m_storage.IsOpen()) return KV_ERR_FAILED;
+    kv_result r = ReopenStorage(true);
+    if (r != KV_OK) return r;
+    m_mapChunks.clear();
+    m_nPendingBytes = 0;
+    m_strStreamedChunk.Empty();
+
+    uint64_t appendPosition = 0;
+    r = ScanChunks(onChunk, userData, progress, appendPosition);
+    if (r != KV_OK) return r;
+
+    r = ReopenStorage(false);
+    if (r != KV_OK) return r;
+    m_nAppendPosition = appendPosition;
+    m_bAtAppendPosition = false;
+    m_bFinalized = false;
+    if (onChunk) {
+        r = AddChunksFromCallback(onChunk, userData);
+        if (r != KV_OK) return r;
+    }
+    m_bChunkMapMissing = false;
+    r = WriteChunkMap();
+    if (r != KV_OK) return r;
+    r = ReopenStorage(true);
+    if (r != KV_OK) return r;
+    if (progress) progress(1.0, userData);
+    return KV_OK;
+}
