@@ -52,19 +52,23 @@ public:
         }
     }
     std::string_view View() const { return m_view; }
-    // A name the map can hold: "!" only at the end, not too long, and not the
-    // text that ends the map's entries.
-    bool IsValidForWriting() const {
-        const std::string_view body = m_view.substr(0, m_view.size() - 1);
-        return body.size() <= kMaxChunkNameLength && body.find('!') == std::string_view::npos &&
-               body != kMapEntriesEnd;
-    }
+    bool IsValidForWriting() const;
 
 private:
     char m_buffer[kMaxChunkNameLength + 2];
     std::string m_long;
     std::string_view m_view;
 };
+
+// A name the map can hold: it ends in its only "!", is not too long, and is
+// not the text that ends the map's entries.
+bool IsStorableName(std::string_view name) {
+    if (name.empty() || name.back() != '!') return false;
+    const std::string_view body = name.substr(0, name.size() - 1);
+    return body.size() <= kMaxChunkNameLength && body.find('!') == std::string_view::npos && body != kMapEntriesEnd;
+}
+
+bool NormalisedName::IsValidForWriting() const { return IsStorableName(m_view); }
 
 }  // namespace
 
@@ -665,7 +669,9 @@ kv_result CKvFileChunker::ScanChunks(KvChunkCallback onChunk, void* userData, Kv
         if (ReadChunkAt(position, header, name, onChunk ? &data : nullptr) != KV_OK) break;
         if (onChunk) onChunk(header, name, data, userData);
         const uint64_t length = kChunkHeaderSize + header.nameLength + header.dataLength;
-        m_mapChunks.insert_or_assign(name, SKvChunkMapMember{position, length});
+        // A chunk whose name the map cannot hold was not written by a chunker; it
+        // is passed over but still counts as the end of the good data.
+        if (IsStorableName(name.View())) m_mapChunks.insert_or_assign(name, SKvChunkMapMember{position, length});
         next = position + length;
         appendPosition = RoundUpToPage(next);
         if (progress) {
