@@ -4,11 +4,40 @@
 #include <cstdio>
 #include <cwchar>
 #include <cwctype>
+#include <locale.h>
+#include <wctype.h>
 #include <vector>
 
 namespace {
 
 constexpr char32_t kReplacement = 0xFFFD;
+// Longest text a wide Format produces, in characters.
+constexpr size_t kMaxFormattedLength = size_t{1} << 22;
+
+// The library's narrow text is UTF-8 whatever locale the client program set:
+// formatting and case mapping run under a UTF-8 character locale of their own.
+locale_t Utf8Locale() {
+    static const locale_t locale = [] {
+        locale_t l = newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(nullptr));
+        if (!l) l = newlocale(LC_CTYPE_MASK, "C.utf8", static_cast<locale_t>(nullptr));
+        return l;
+    }();
+    return locale;
+}
+
+// Switches the calling thread to the UTF-8 locale for its lifetime.
+class ScopedUtf8Locale {
+public:
+    ScopedUtf8Locale() : m_previous(Utf8Locale() ? uselocale(Utf8Locale()) : nullptr) {}
+    ~ScopedUtf8Locale() {
+        if (m_previous) uselocale(m_previous);
+    }
+    ScopedUtf8Locale(const ScopedUtf8Locale&) = delete;
+    ScopedUtf8Locale& operator=(const ScopedUtf8Locale&) = delete;
+
+private:
+    locale_t m_previous;
+};
 
 bool IsScalarValue(char32_t c) { return c <= 0x10FFFF && (c < 0xD800 || c > 0xDFFF); }
 
@@ -69,13 +98,23 @@ Ch LowerChar(Ch c);
 template <>
 char LowerChar<char>(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
 template <>
-wchar_t LowerChar<wchar_t>(wchar_t c) { return std::iswupper(static_cast<wint_t>(c)) ? static_cast<wchar_t>(std::towlower(static_cast<wint_t>(c))) : c; }
+wchar_t LowerChar<wchar_t>(wchar_t c) {
+    if (c < 0x80) return (c >= L'A' && c <= L'Z') ? static_cast<wchar_t>(c - L'A' + L'a') : c;
+    locale_t l = Utf8Locale();
+    if (!l) return c;
+    return iswupper_l(static_cast<wint_t>(c), l) ? static_cast<wchar_t>(towlower_l(static_cast<wint_t>(c), l)) : c;
+}
 template <typename Ch>
 Ch UpperChar(Ch c);
 template <>
 char UpperChar<char>(char c) { return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c; }
 template <>
-wchar_t UpperChar<wchar_t>(wchar_t c) { return std::iswlower(static_cast<wint_t>(c)) ? static_cast<wchar_t>(std::towupper(static_cast<wint_t>(c))) : c; }
+wchar_t UpperChar<wchar_t>(wchar_t c) {
+    if (c < 0x80) return (c >= L'a' && c <= L'z') ? static_cast<wchar_t>(c - L'a' + L'A') : c;
+    locale_t l = Utf8Locale();
+    if (!l) return c;
+    return iswlower_l(static_cast<wint_t>(c), l) ? static_cast<wchar_t>(towupper_l(static_cast<wint_t>(c), l)) : c;
+}
 
 bool IsSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f'; }
 bool IsSpace(wchar_t c) { return std::iswspace(static_cast<wint_t>(c)) != 0; }
@@ -147,8 +186,9 @@ CKvStringW::CKvStringW(const CKvStringA& utf8) : CKvStringW() {
 void CKvStringW::FormatV(const wchar_t* fmt, va_list args) {
     m_str.clear();
     if (!fmt) return;
-    // vswprintf reports only failure when the buffer is too small, so grow
-    // the buffer until the text fits.
+    // vswprintf answers only "failed" both for a short buffer and for text it
+    // cannot convert, so the buffer grows up to a bound and then gives up.
+    const ScopedUtf8Locale utf8;
     std::vector<wchar_t> buf(256);
     for (;;) {
         va_list copy;
@@ -159,7 +199,7 @@ void CKvStringW::FormatV(const wchar_t* fmt, va_list args) {
             m_str.assign(buf.data(), static_cast<size_t>(n));
             return;
         }
-        if (buf.size() >= (size_t{1} << 26)) return;  // an encoding error, not a short buffer
+        if (buf.size() >= kMaxFormattedLength) return;
         buf.resize(buf.size() * 4);
     }
 }
@@ -193,6 +233,7 @@ CKvStringA::CKvStringA(const CKvStringW& wide) : CKvStringA() {
 void CKvStringA::FormatV(const char* fmt, va_list args) {
     m_str.clear();
     if (!fmt) return;
+    const ScopedUtf8Locale utf8;
     va_list copy;
     va_copy(copy, args);
     int n = std::vsnprintf(nullptr, 0, fmt, copy);

@@ -101,7 +101,8 @@ public:
     CKvStringW(const char* utf8);
     CKvStringW(const CKvStringA& utf8);
 
-    // printf-style formatting (%ls for wide strings, %s for narrow ones).
+    // printf-style formatting (%ls for wide strings, %s for narrow ones, which
+    // are taken as UTF-8 whatever the process locale).
     void Format(const wchar_t* fmt, ...);
     void FormatV(const wchar_t* fmt, va_list args);
     void AppendFormat(const wchar_t* fmt, ...);
@@ -124,6 +125,7 @@ public:
     CKvStringA(const wchar_t* wide);
     CKvStringA(const CKvStringW& wide);
 
+    // printf-style formatting; %ls arguments are written as UTF-8.
     void Format(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
     void FormatV(const char* fmt, va_list args);
     void AppendFormat(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
@@ -164,6 +166,8 @@ struct CKvStringALess {
     bool operator()(const CKvStringA& a, const CKvStringA& b) const { return a.View() < b.View(); }
     bool operator()(const CKvStringA& a, std::string_view b) const { return a.View() < b; }
     bool operator()(std::string_view a, const CKvStringA& b) const { return a < b.View(); }
+    bool operator()(const CKvStringA& a, const char* b) const { return a.View() < std::string_view(b); }
+    bool operator()(const char* a, const CKvStringA& b) const { return std::string_view(a) < b.View(); }
 };
 
 class CKvStringUtils {
