@@ -98,7 +98,6 @@ CKvFileChunker& CKvFileChunker::operator=(const CKvFileChunker& other) {
 CKvFileChunker::~CKvFileChunker() = default;
 
 void CKvFileChunker::ResetState() {
-    m_mapChunks.clear();
     m_bFinalized = false;
     m_bChunkMapMissing = false;
     m_nPendingBytes = 0;
@@ -117,7 +116,7 @@ kv_result CKvFileChunker::Initialize_File(const wchar_t* fileName, bool readOnly
     m_pMemory = nullptr;
     if (!fileName) return KV_ERR_INVALID_ARG;
     if (m_storage.Initialize(fileName, readOnly, openExisting) != KV_OK) return KV_ERR_FAILED;
-    return OpenCommon(readOnly, openExisting, version);
+    return FinishOpening(OpenCommon(readOnly, openExisting, version));
 }
 
 kv_result CKvFileChunker::Initialize_Memory(CKvByteArray& buffer, bool readOnly, bool openExisting,
@@ -125,7 +124,17 @@ kv_result CKvFileChunker::Initialize_Memory(CKvByteArray& buffer, bool readOnly,
     ResetState();
     m_pMemory = &buffer;
     m_storage.Initialize(buffer, readOnly, openExisting);
-    return OpenCommon(readOnly, openExisting, version);
+    return FinishOpening(OpenCommon(readOnly, openExisting, version));
+}
+
+// A storage that failed to open as a container is closed, so that nothing is
+// written to it afterwards; one whose map is missing stays open for recovery.
+kv_result CKvFileChunker::FinishOpening(kv_result result) {
+    if (result != KV_OK && result != KV_ERR_NOT_FOUND) {
+        m_storage.Finalize();
+        m_bFinalized = true;
+    }
+    return result;
 }
 
 kv_result CKvFileChunker::OpenCommon(bool readOnly, bool openExisting, CKvStringA& version) {
@@ -142,6 +151,7 @@ kv_result CKvFileChunker::OpenCommon(bool readOnly, bool openExisting, CKvString
     if (openExisting) return OpenForAppending(version);
 
     // A new container: whatever the storage held before is replaced.
+    m_mapChunks.clear();
     kv_result r = WriteSignature(version);
     if (r == KV_OK) r = m_storage.SetEOF();
     return r;
@@ -150,7 +160,10 @@ kv_result CKvFileChunker::OpenCommon(bool readOnly, bool openExisting, CKvString
 kv_result CKvFileChunker::OpenForAppending(CKvStringA& version) {
     uint64_t size = 0;
     if (StorageSize(size) != KV_OK) return KV_ERR_FAILED;
-    if (size == 0) return WriteSignature(version);
+    if (size == 0) {
+        m_mapChunks.clear();
+        return WriteSignature(version);
+    }
 
     // Existing bytes are never overwritten: a storage that is not a container
     // is refused, and a container without a map must be repaired first.
@@ -215,7 +228,7 @@ kv_result CKvFileChunker::ParseChunkMap(const CKvByteArray& data) {
     m_mapChunks.clear();
     CKvByteCursor cursor(data.GetData(), static_cast<size_t>(data.GetSize()));
     while (!cursor.AtEnd()) {
-        const size_t length = cursor.FindByte('!', kMaxChunkNameLength);
+        const size_t length = cursor.FindByte('!', kMaxChunkNameLength + 1);
         const std::string_view text(reinterpret_cast<const char*>(cursor.Current()),
                                     length < cursor.Remaining() ? length : cursor.Remaining());
         if (text == kMapEntriesEnd) return KV_OK;
@@ -607,10 +620,15 @@ kv_result CKvFileChunker::SetChunkPart(const void* data1, uint32_t size1, const 
 
 kv_result CKvFileChunker::Reserve(uint64_t size) {
     if (!m_storage.IsOpen()) return KV_ERR_FAILED;
-    if (!m_storage.IsFile()) return m_pMemory->Reserve(size) == KV_OK ? KV_OK : KV_ERR_OUT_OF_MEMORY;
     uint64_t current = 0;
     kv_result r = m_storage.GetSize(&current);
     if (r != KV_OK || current >= size) return r;
+    if (!m_storage.IsFile()) {
+        // Memory grows like a file: the new bytes read as zeros.
+        if (m_pMemory->Reserve(size) != KV_OK) return KV_ERR_OUT_OF_MEMORY;
+        std::memset(m_pMemory->GetData() + current, 0, static_cast<size_t>(size - current));
+        return m_pMemory->SetSize(size);
+    }
     r = SeekTo(size);
     if (r == KV_OK) r = m_storage.SetEOF();
     return r;

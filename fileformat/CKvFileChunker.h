@@ -19,7 +19,8 @@ constexpr uint64_t kPageSize = 4096;
 constexpr uint32_t kChunkMagic = 0x0ABECEDA;
 // Bytes of SKvChunkHeader on disk: magic, name length, data length.
 constexpr uint64_t kChunkHeaderSize = 16;
-// Name of the chunk at offset 0; it is never entered in the chunk map.
+// Name of the chunk at offset 0. Writers do not enter it in the chunk map;
+// a recovery scan does, like every chunk it finds.
 constexpr std::string_view kSignatureChunkName = "QV8 FILE SIGNATURE CHUNK NAME01!";
 // Bytes of the signature chunk's data: the zero-filled version text.
 constexpr uint64_t kSignatureDataSize = 64;
@@ -72,7 +73,8 @@ public:
 
     // Opens a file. Read-only: checks the signature (-9 when it is not a
     // container), returns its version text in `version` and reads the map
-    // (-13 and IsChunkMapMissing() when there is none). Writing a new file:
+    // (-13 and IsChunkMapMissing() when there is none) unless the chunker
+    // already holds one (set by SetMapChunk). Writing a new file:
     // writes the signature with `version`. Appending (`openExisting`): the
     // map is read and new chunks go after the old map; an empty file is
     // started anew; a container without a map answers -13 and accepts no
@@ -132,6 +134,7 @@ public:
 private:
     void ResetState();
     kv_result OpenCommon(bool readOnly, bool openExisting, CKvStringA& version);
+    kv_result FinishOpening(kv_result result);
     kv_result OpenForAppending(CKvStringA& version);
     kv_result CheckSignature(CKvStringA& version);
     kv_result WriteSignature(const CKvStringA& version);

@@ -110,7 +110,9 @@ kv_result KV_WriteFile(FILE* file, const void* buffer, uint64_t size, uint64_t* 
     if (written) *written = 0;
     if (!file || (!buffer && size)) return KV_ERR_INVALID_ARG;
     size_t count = std::fwrite(buffer, 1, static_cast<size_t>(size), file);
-    std::fflush(file);
+    // Bytes that stay in the stream's buffer because the flush failed (a full
+    // disk, a size limit) are not written.
+    if (std::fflush(file) != 0) count = 0;
     if (written) *written = count;
     // The only caller takes a non-zero answer as "written" and checks the count.
     return count > 0 ? KV_WRITE_FILE_WROTE : KV_OK;
