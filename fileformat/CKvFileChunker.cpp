@@ -112,19 +112,23 @@ void CKvFileChunker::ResetState() {
 
 kv_result CKvFileChunker::Initialize_File(const wchar_t* fileName, bool readOnly, bool openExisting,
                                           CKvStringA& version) {
-    ResetState();
-    m_pMemory = nullptr;
-    if (!fileName) return KV_ERR_INVALID_ARG;
-    if (m_storage.Initialize(fileName, readOnly, openExisting) != KV_OK) return KV_ERR_FAILED;
-    return FinishOpening(OpenCommon(readOnly, openExisting, version));
+    return KvNoThrow([&]() -> kv_result {
+        ResetState();
+        m_pMemory = nullptr;
+        if (!fileName) return KV_ERR_INVALID_ARG;
+        if (m_storage.Initialize(fileName, readOnly, openExisting) != KV_OK) return KV_ERR_FAILED;
+        return FinishOpening(OpenCommon(readOnly, openExisting, version));
+    });
 }
 
 kv_result CKvFileChunker::Initialize_Memory(CKvByteArray& buffer, bool readOnly, bool openExisting,
                                             CKvStringA& version) {
-    ResetState();
-    m_pMemory = &buffer;
-    m_storage.Initialize(buffer, readOnly, openExisting);
-    return FinishOpening(OpenCommon(readOnly, openExisting, version));
+    return KvNoThrow([&]() -> kv_result {
+        ResetState();
+        m_pMemory = &buffer;
+        m_storage.Initialize(buffer, readOnly, openExisting);
+        return FinishOpening(OpenCommon(readOnly, openExisting, version));
+    });
 }
 
 // A storage that failed to open as a container is closed, so that nothing is
@@ -397,45 +401,49 @@ kv_result CKvFileChunker::FindChunk(const char* name, SKvChunkMapMember& member)
 // ---- reading ----
 
 kv_result CKvFileChunker::GetChunk(CKvByteArray& data, const char* name) {
-    SKvChunkMapMember member;
-    kv_result r = FindChunk(name, member);
-    if (r != KV_OK) return r;
-    SKvChunkHeader header;
-    CKvStringA found;
-    uint64_t position = member.position;
-    return ReadChunkAt(position, header, found, &data);
+    return KvNoThrow([&]() -> kv_result {
+        SKvChunkMapMember member;
+        kv_result r = FindChunk(name, member);
+        if (r != KV_OK) return r;
+        SKvChunkHeader header;
+        CKvStringA found;
+        uint64_t position = member.position;
+        return ReadChunkAt(position, header, found, &data);
+    });
 }
 
 kv_result CKvFileChunker::GetChunkPart(SKvChunkHeader& header, CKvByteArray& data, uint64_t offset, uint32_t size,
                                        const char* name) {
-    SKvChunkMapMember member;
-    kv_result r = FindChunk(name, member);
-    if (r != KV_OK) return r;
-    uint64_t position = member.position;
-    if (header.magic == 0) {
-        SKvChunkHeader read;
-        r = ReadHeader(read, position);
+    return KvNoThrow([&]() -> kv_result {
+        SKvChunkMapMember member;
+        kv_result r = FindChunk(name, member);
         if (r != KV_OK) return r;
-        header = read;
-    }
-    // Everything is checked before the caller's array is touched: the range
-    // inside the chunk's data, and the chunk's data inside the storage.
-    uint64_t storageSize = 0;
-    if (StorageSize(storageSize) != KV_OK) return KV_ERR_FAILED;
-    if (offset > header.dataLength || size > header.dataLength - offset) return KV_ERR_FAILED;
-    const uint64_t dataStart = position + kChunkHeaderSize + header.nameLength;
-    if (position > storageSize || storageSize - position < kChunkHeaderSize + header.nameLength ||
-        offset + size > storageSize - dataStart)
-        return KV_ERR_FAILED;
-    if (size == 0) return data.SetSize(0);
-    if (SeekTo(dataStart + offset) != KV_OK) return KV_ERR_FAILED;
-    const uint64_t previousSize = data.GetSize();
-    if (data.SetSize(size) != KV_OK) return KV_ERR_OUT_OF_MEMORY;
-    if (ReadExact(data.GetData(), size) != KV_OK) {
-        data.SetSize(previousSize);
-        return KV_ERR_FAILED;
-    }
-    return KV_OK;
+        uint64_t position = member.position;
+        if (header.magic == 0) {
+            SKvChunkHeader read;
+            r = ReadHeader(read, position);
+            if (r != KV_OK) return r;
+            header = read;
+        }
+        // Everything is checked before the caller's array is touched: the range
+        // inside the chunk's data, and the chunk's data inside the storage.
+        uint64_t storageSize = 0;
+        if (StorageSize(storageSize) != KV_OK) return KV_ERR_FAILED;
+        if (offset > header.dataLength || size > header.dataLength - offset) return KV_ERR_FAILED;
+        const uint64_t dataStart = position + kChunkHeaderSize + header.nameLength;
+        if (position > storageSize || storageSize - position < kChunkHeaderSize + header.nameLength ||
+            offset + size > storageSize - dataStart)
+            return KV_ERR_FAILED;
+        if (size == 0) return data.SetSize(0);
+        if (SeekTo(dataStart + offset) != KV_OK) return KV_ERR_FAILED;
+        const uint64_t previousSize = data.GetSize();
+        if (data.SetSize(size) != KV_OK) return KV_ERR_OUT_OF_MEMORY;
+        if (ReadExact(data.GetData(), size) != KV_OK) {
+            data.SetSize(previousSize);
+            return KV_ERR_FAILED;
+        }
+        return KV_OK;
+    });
 }
 
 bool CKvFileChunker::ExistChunk(const char* name) const {
@@ -443,15 +451,17 @@ bool CKvFileChunker::ExistChunk(const char* name) const {
 }
 
 kv_result CKvFileChunker::GetNextChunkID(CKvStringA& name, const char* after) const {
-    auto it = m_mapChunks.begin();
-    if (after && *after) {
-        it = m_mapChunks.find(std::string_view(after));
+    return KvNoThrow([&]() -> kv_result {
+        auto it = m_mapChunks.begin();
+        if (after && *after) {
+            it = m_mapChunks.find(std::string_view(after));
+            if (it == m_mapChunks.end()) return KV_ERR_NOT_FOUND;
+            ++it;
+        }
         if (it == m_mapChunks.end()) return KV_ERR_NOT_FOUND;
-        ++it;
-    }
-    if (it == m_mapChunks.end()) return KV_ERR_NOT_FOUND;
-    name = it->first;
-    return KV_OK;
+        name = it->first;
+        return KV_OK;
+    });
 }
 
 // ---- writing ----
@@ -473,12 +483,14 @@ kv_result CKvFileChunker::SetChunk(const CKvByteArray& data, const char* name) {
 
 kv_result CKvFileChunker::SetChunk(const void* data1, uint32_t size1, const void* data2, uint32_t size2,
                                    const char* name) {
-    if (!name) return KV_ERR_INVALID_ARG;
-    const NormalisedName key(name);
-    if (!key.IsValidForWriting()) return KV_ERR_INVALID_ARG;
-    kv_result r = CheckWritable();
-    if (r != KV_OK) return r;
-    return WriteChunk(data1, size1, data2, size2, key.View());
+    return KvNoThrow([&]() -> kv_result {
+        if (!name) return KV_ERR_INVALID_ARG;
+        const NormalisedName key(name);
+        if (!key.IsValidForWriting()) return KV_ERR_INVALID_ARG;
+        kv_result r = CheckWritable();
+        if (r != KV_OK) return r;
+        return WriteChunk(data1, size1, data2, size2, key.View());
+    });
 }
 
 // Writes header, name, name padding and the first part of a chunk. The pages
@@ -563,59 +575,61 @@ kv_result CKvFileChunker::FlushPendingPage() {
 
 kv_result CKvFileChunker::SetChunkPart(const void* data1, uint32_t size1, const void* data2, uint32_t size2,
                                        uint64_t restSize, bool flush, const char* name) {
-    if (!name) return KV_ERR_INVALID_ARG;
-    const NormalisedName key(name);
-    if (!key.IsValidForWriting()) return KV_ERR_INVALID_ARG;
-    kv_result r = CheckWritable();
-    if (r != KV_OK) return r;
-
-    if (m_strStreamedChunk.View() != key.View()) {
-        // A new chunk; the unflushed tail of a previous one is written first.
-        r = FlushPendingPage();
+    return KvNoThrow([&]() -> kv_result {
+        if (!name) return KV_ERR_INVALID_ARG;
+        const NormalisedName key(name);
+        if (!key.IsValidForWriting()) return KV_ERR_INVALID_ARG;
+        kv_result r = CheckWritable();
         if (r != KV_OK) return r;
-        const uint64_t first = data1 ? size1 : 0;
-        if (first + restSize < first) return KV_ERR_INVALID_ARG;
-        uint64_t position = 0;
-        r = WriteChunkStart(data1, first, restSize > 0, first + restSize, key.View(), position);
-        if (r != KV_OK) return r;
-        m_mapChunks.insert_or_assign(CKvStringA(key.View().data(), key.View().size()),
-                                     SKvChunkMapMember{position, first + restSize});
-        m_strStreamedChunk = CKvStringA(key.View().data(), key.View().size());
-    }
 
-    if (data2 && size2) {
-        const auto* in = static_cast<const uint8_t*>(data2);
-        uint8_t* page = m_aPage.GetData();
-        if (m_nPendingBytes + static_cast<uint64_t>(size2) < kPageSize) {
-            std::memcpy(page + m_nPendingBytes, in, size2);
-            m_nPendingBytes += size2;
-        } else {
-            uint64_t used = 0;
-            if (m_nPendingBytes) {
-                used = kPageSize - m_nPendingBytes;
-                std::memcpy(page + m_nPendingBytes, in, static_cast<size_t>(used));
-                m_nPendingBytes = static_cast<uint32_t>(kPageSize);
-                r = FlushPendingPage();
-                if (r != KV_OK) return r;
-            }
-            const uint64_t whole = (size2 - used) / kPageSize * kPageSize;
-            r = SeekToAppendPosition();
-            if (r == KV_OK) r = WriteExact(in + used, whole);
-            if (r != KV_OK) {
-                m_bAtAppendPosition = false;
-                return r;
-            }
-            m_nAppendPosition += whole;
-            m_nPendingBytes = static_cast<uint32_t>(size2 - used - whole);
-            std::memcpy(page, in + used + whole, m_nPendingBytes);
+        if (m_strStreamedChunk.View() != key.View()) {
+            // A new chunk; the unflushed tail of a previous one is written first.
+            r = FlushPendingPage();
+            if (r != KV_OK) return r;
+            const uint64_t first = data1 ? size1 : 0;
+            if (first + restSize < first) return KV_ERR_INVALID_ARG;
+            uint64_t position = 0;
+            r = WriteChunkStart(data1, first, restSize > 0, first + restSize, key.View(), position);
+            if (r != KV_OK) return r;
+            m_mapChunks.insert_or_assign(CKvStringA(key.View().data(), key.View().size()),
+                                         SKvChunkMapMember{position, first + restSize});
+            m_strStreamedChunk = CKvStringA(key.View().data(), key.View().size());
         }
-    }
 
-    if (flush) {
-        r = FlushPendingPage();
-        m_strStreamedChunk.Empty();  // the chunk is complete
-    }
-    return r;
+        if (data2 && size2) {
+            const auto* in = static_cast<const uint8_t*>(data2);
+            uint8_t* page = m_aPage.GetData();
+            if (m_nPendingBytes + static_cast<uint64_t>(size2) < kPageSize) {
+                std::memcpy(page + m_nPendingBytes, in, size2);
+                m_nPendingBytes += size2;
+            } else {
+                uint64_t used = 0;
+                if (m_nPendingBytes) {
+                    used = kPageSize - m_nPendingBytes;
+                    std::memcpy(page + m_nPendingBytes, in, static_cast<size_t>(used));
+                    m_nPendingBytes = static_cast<uint32_t>(kPageSize);
+                    r = FlushPendingPage();
+                    if (r != KV_OK) return r;
+                }
+                const uint64_t whole = (size2 - used) / kPageSize * kPageSize;
+                r = SeekToAppendPosition();
+                if (r == KV_OK) r = WriteExact(in + used, whole);
+                if (r != KV_OK) {
+                    m_bAtAppendPosition = false;
+                    return r;
+                }
+                m_nAppendPosition += whole;
+                m_nPendingBytes = static_cast<uint32_t>(size2 - used - whole);
+                std::memcpy(page, in + used + whole, m_nPendingBytes);
+            }
+        }
+
+        if (flush) {
+            r = FlushPendingPage();
+            m_strStreamedChunk.Empty();  // the chunk is complete
+        }
+        return r;
+    });
 }
 
 kv_result CKvFileChunker::Reserve(uint64_t size) {
@@ -641,14 +655,16 @@ kv_result CKvFileChunker::SetMapChunk(const CKvFileChunker* other) {
 }
 
 kv_result CKvFileChunker::Finalize() {
-    kv_result r = KV_OK;
-    if (!m_bFinalized && m_storage.IsOpen() && !m_storage.GetReadOnly() && !m_bChunkMapMissing) {
-        r = FlushPendingPage();
-        if (r == KV_OK) r = WriteChunkMap();
-    }
-    const kv_result closed = m_storage.Finalize();
-    m_bFinalized = true;
-    return r != KV_OK ? r : closed;
+    return KvNoThrow([&]() -> kv_result {
+        kv_result r = KV_OK;
+        if (!m_bFinalized && m_storage.IsOpen() && !m_storage.GetReadOnly() && !m_bChunkMapMissing) {
+            r = FlushPendingPage();
+            if (r == KV_OK) r = WriteChunkMap();
+        }
+        const kv_result closed = m_storage.Finalize();
+        m_bFinalized = true;
+        return r != KV_OK ? r : closed;
+    });
 }
 
 // ---- recovery ----
@@ -718,31 +734,33 @@ kv_result CKvFileChunker::AddChunksFromCallback(KvChunkCallback onChunk, void* u
 
 kv_result CKvFileChunker::CreateMissingChunkMap(KvChunkCallback onChunk, void* userData,
                                                 KvProgressCallback progress) {
-    if (!m_storage.IsOpen()) return KV_ERR_FAILED;
-    kv_result r = ReopenStorage(true);
-    if (r != KV_OK) return r;
-    m_mapChunks.clear();
-    m_nPendingBytes = 0;
-    m_strStreamedChunk.Empty();
-
-    uint64_t appendPosition = 0;
-    r = ScanChunks(onChunk, userData, progress, appendPosition);
-    if (r != KV_OK) return r;
-
-    r = ReopenStorage(false);
-    if (r != KV_OK) return r;
-    m_nAppendPosition = appendPosition;
-    m_bAtAppendPosition = false;
-    m_bFinalized = false;
-    if (onChunk) {
-        r = AddChunksFromCallback(onChunk, userData);
+    return KvNoThrow([&]() -> kv_result {
+        if (!m_storage.IsOpen()) return KV_ERR_FAILED;
+        kv_result r = ReopenStorage(true);
         if (r != KV_OK) return r;
-    }
-    m_bChunkMapMissing = false;
-    r = WriteChunkMap();
-    if (r != KV_OK) return r;
-    r = ReopenStorage(true);
-    if (r != KV_OK) return r;
-    if (progress) progress(1.0, userData);
-    return KV_OK;
+        m_mapChunks.clear();
+        m_nPendingBytes = 0;
+        m_strStreamedChunk.Empty();
+
+        uint64_t appendPosition = 0;
+        r = ScanChunks(onChunk, userData, progress, appendPosition);
+        if (r != KV_OK) return r;
+
+        r = ReopenStorage(false);
+        if (r != KV_OK) return r;
+        m_nAppendPosition = appendPosition;
+        m_bAtAppendPosition = false;
+        m_bFinalized = false;
+        if (onChunk) {
+            r = AddChunksFromCallback(onChunk, userData);
+            if (r != KV_OK) return r;
+        }
+        m_bChunkMapMissing = false;
+        r = WriteChunkMap();
+        if (r != KV_OK) return r;
+        r = ReopenStorage(true);
+        if (r != KV_OK) return r;
+        if (progress) progress(1.0, userData);
+        return KV_OK;
+    });
 }

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstdint>
+#include <new>
+#include <utility>
 
 typedef int32_t kv_result;
 
@@ -34,3 +36,16 @@ constexpr kv_result KV_ERR_FORMAT_REGISTERED_TWICE = -1513;
 
 inline bool KV_SUCCEEDED(kv_result r) { return r >= 0; }
 inline bool KV_FAILED(kv_result r) { return r < 0; }
+
+// Runs `body` and turns an escaping exception into a result code, so that no
+// exception leaves the library: allocation failures become -3, anything else -9.
+template <typename Body>
+kv_result KvNoThrow(Body&& body) noexcept {
+    try {
+        return std::forward<Body>(body)();
+    } catch (const std::bad_alloc&) {
+        return KV_ERR_OUT_OF_MEMORY;
+    } catch (...) {
+        return KV_ERR_FAILED;
+    }
+}
