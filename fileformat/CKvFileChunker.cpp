@@ -466,7 +466,9 @@ kv_result CKvFileChunker::GetNextChunkID(CKvStringA& name, const char* after) co
 
 // ---- writing ----
 
-kv_result CKvFileChunker::CheckWritable() const {
+// The checks of every write, made before the storage is touched.
+kv_result CKvFileChunker::CheckWritable(const char* name) const {
+    if (!name || !NormalisedName(name).IsValidForWriting()) return KV_ERR_INVALID_ARG;
     if (m_bChunkMapMissing) return KV_ERR_NOT_FOUND;  // appending to an unrepaired container
     if (m_bFinalized || !m_storage.IsOpen()) return KV_ERR_FAILED;
     return KV_OK;
@@ -484,11 +486,9 @@ kv_result CKvFileChunker::SetChunk(const CKvByteArray& data, const char* name) {
 kv_result CKvFileChunker::SetChunk(const void* data1, uint32_t size1, const void* data2, uint32_t size2,
                                    const char* name) {
     return KvNoThrow([&]() -> kv_result {
-        if (!name) return KV_ERR_INVALID_ARG;
-        const NormalisedName key(name);
-        if (!key.IsValidForWriting()) return KV_ERR_INVALID_ARG;
-        kv_result r = CheckWritable();
+        kv_result r = CheckWritable(name);
         if (r != KV_OK) return r;
+        const NormalisedName key(name);
         return WriteChunk(data1, size1, data2, size2, key.View());
     });
 }
@@ -576,11 +576,9 @@ kv_result CKvFileChunker::FlushPendingPage() {
 kv_result CKvFileChunker::SetChunkPart(const void* data1, uint32_t size1, const void* data2, uint32_t size2,
                                        uint64_t restSize, bool flush, const char* name) {
     return KvNoThrow([&]() -> kv_result {
-        if (!name) return KV_ERR_INVALID_ARG;
-        const NormalisedName key(name);
-        if (!key.IsValidForWriting()) return KV_ERR_INVALID_ARG;
-        kv_result r = CheckWritable();
+        kv_result r = CheckWritable(name);
         if (r != KV_OK) return r;
+        const NormalisedName key(name);
 
         if (m_strStreamedChunk.View() != key.View()) {
             // A new chunk; the unflushed tail of a previous one is written first.

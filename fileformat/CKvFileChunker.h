@@ -153,7 +153,7 @@ private:
     kv_result Resynchronise(uint64_t from, uint64_t& found);
     kv_result ReadChunkAt(uint64_t& position, SKvChunkHeader& header, CKvStringA& name, CKvByteArray* data);
     kv_result FindChunk(const char* name, SKvChunkMapMember& member) const;
-    kv_result CheckWritable() const;
+    kv_result CheckWritable(const char* name) const;
     kv_result WriteChunk(const void* data1, uint64_t size1, const void* data2, uint64_t size2, std::string_view name);
     kv_result WriteChunkStart(const void* data1, uint64_t size1, bool moreData, uint64_t dataLength,
                               std::string_view name, uint64_t& position);

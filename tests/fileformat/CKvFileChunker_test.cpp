@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "gnr_system/KvBytes.h"
+#include "tests/TestSupport.h"
 
 namespace {
 
@@ -64,11 +65,9 @@ enum class Kind { File, Memory };
 // A container's storage: a file in a fresh temporary directory, or a byte array.
 struct Store {
     explicit Store(Kind kind) : m_kind(kind) {
-        char dir[] = "/tmp/chunker_testXXXXXX";
-        if (kind == Kind::File && mkdtemp(dir)) m_dir = dir;
-        m_path = m_dir + "/c.bin";
+        if (kind == Kind::File) m_tmp = std::make_unique<CTestTempDir>();
+        m_path = kind == Kind::File ? m_tmp->File("c.bin") : "/c.bin";
     }
-    ~Store() { if (!m_dir.empty()) std::filesystem::remove_all(m_dir); }
     kv_result Open(CKvFileChunker& c, bool readOnly, bool openExisting, CKvStringA& version) {
         if (m_kind == Kind::Memory) return c.Initialize_Memory(m_buffer, readOnly, openExisting, version);
         const std::wstring name(m_path.begin(), m_path.end());
@@ -84,8 +83,8 @@ struct Store {
     }
     Bytes Get() const {
         if (m_kind == Kind::Memory) return ToBytes(m_buffer);
-        std::ifstream in(m_path, std::ios::binary);
-        return Bytes(std::istreambuf_iterator<char>(in), {});
+        const std::string content = ReadWholeFile(m_path);
+        return Bytes(content.begin(), content.end());
     }
     void Put(const Bytes& b) {
         if (m_kind == Kind::Memory) m_buffer = CKvByteArray(b.data(), b.size());
@@ -93,7 +92,8 @@ struct Store {
     }
 
     Kind m_kind;
-    std::string m_dir, m_path;
+    std::unique_ptr<CTestTempDir> m_tmp;
+    std::string m_path;
     CKvByteArray m_buffer;
 };
 

@@ -10,25 +10,17 @@
 #include <iterator>
 #include <string>
 
+#include "tests/TestSupport.h"
+
 namespace {
 
-std::string ReadText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
 std::string Text(const CKvByteArray& a) { return std::string(reinterpret_cast<const char*>(a.GetData()), a.GetSize()); }
 
 // A fresh temporary directory and the name of a file in it.
 struct TempFile {
-    std::string dir, path;
-    std::wstring name;
-    TempFile() {
-        char pattern[] = "/tmp/wrapper_testXXXXXX";
-        if (mkdtemp(pattern)) dir = pattern;
-        path = dir + "/w.bin";
-        name.assign(path.begin(), path.end());
-    }
-    ~TempFile() { if (!dir.empty()) std::filesystem::remove_all(dir); }
+    CTestTempDir tmp;
+    std::string path = tmp.File("w.bin");
+    std::wstring name = tmp.WideFile("w.bin");
 };
 
 // Runs over a file (true) and over memory (false).
@@ -45,7 +37,7 @@ TEST_P(WrapperTest, ReadsWritesSeeksAndCuts) {
     CKvFileMemoWrapper w;
     std::ofstream(file.path) << "0123456789";
     ASSERT_EQ(isFile ? w.Initialize(file.name.c_str(), false, true) : w.Initialize(buffer, false, false), KV_OK);
-    auto content = [&] { return isFile ? ReadText(file.path) : Text(buffer); };
+    auto content = [&] { return isFile ? ReadWholeFile(file.path) : Text(buffer); };
     char out[16] = {};
     uint64_t n = 0, size = 0, position = 0;
     EXPECT_EQ(w.ReadFile(out, 0, &n), KV_ERR_INVALID_ARG);
@@ -87,7 +79,7 @@ TEST(WrapperFileTest, OpeningModesAndSharedClose) {
     ASSERT_EQ(w.Initialize(file.name.c_str(), true, false), KV_OK);
     EXPECT_EQ(w.WriteFile("xy", 2, &n), KV_ERR_FAILED);
     EXPECT_EQ(w.Finalize(), KV_OK);
-    EXPECT_EQ(ReadText(file.path), "hello");
+    EXPECT_EQ(ReadWholeFile(file.path), "hello");
 }
 
 // Seeks stay inside the array except from the start; a read-only array still

@@ -7,10 +7,10 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 
 #include "gnr_system/CKvString.h"
+#include "tests/TestSupport.h"
 
 namespace {
 
@@ -18,23 +18,15 @@ namespace fs = std::filesystem;
 
 class KvFileTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/kvfile_test_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        m_dir = pattern;
-    }
-    void TearDown() override { fs::remove_all(m_dir); }
+    void SetUp() override { ASSERT_TRUE(m_tmp.IsValid()); }
 
-    std::string Narrow(const char* name) const { return m_dir + "/" + name; }
-    std::wstring Wide(const char* name) const { return CKvStringUtils::UTF8toW(Narrow(name).c_str()).c_str(); }
+    std::string Narrow(const char* name) const { return m_tmp.File(name); }
+    std::wstring Wide(const char* name) const { return m_tmp.WideFile(name); }
     static void Put(const std::string& path, const std::string& content) { std::ofstream(path) << content; }
-    static std::string Get(const std::string& path) {
-        std::ostringstream out;
-        out << std::ifstream(path).rdbuf();
-        return out.str();
-    }
+    static std::string Get(const std::string& path) { return ReadWholeFile(path); }
 
-    std::string m_dir;
+    CTestTempDir m_tmp;
+    const std::string& m_dir = m_tmp.Path();
 };
 
 TEST_F(KvFileTest, OpenModesByFlags) {

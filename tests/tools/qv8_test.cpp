@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "fileformat/CKvFileChunker.h"
+#include "tests/TestSupport.h"
 
 namespace {
 
@@ -24,12 +25,6 @@ std::string ShellQuote(const std::string& s) {
     return q + "'";
 }
 
-std::string ReadFile(const std::string& path) {
-    std::ostringstream out;
-    out << std::ifstream(path, std::ios::binary).rdbuf();
-    return out.str();
-}
-
 // Binary data with every byte value, zeros and newlines included.
 std::string BinaryData(size_t size) {
     std::string data(size, '\0');
@@ -39,14 +34,9 @@ std::string BinaryData(size_t size) {
 
 class Qv8ToolTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/qv8_tool_test_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        m_dir = pattern;
-    }
-    void TearDown() override { fs::remove_all(m_dir); }
+    void SetUp() override { ASSERT_TRUE(m_tmp.IsValid()); }
 
-    std::string Path(const char* name) const { return m_dir + "/" + name; }
+    std::string Path(const char* name) const { return m_tmp.File(name); }
 
     // Standard error goes to a file, so it is never a terminal here.
     ToolRun Run(const std::vector<std::string>& args) const {
@@ -54,7 +44,7 @@ protected:
         for (const std::string& arg : args) command += " " + ShellQuote(arg);
         command += " >" + ShellQuote(Path("stdout")) + " 2>" + ShellQuote(Path("stderr")) + " </dev/null";
         const int raw = std::system(command.c_str());
-        return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadFile(Path("stdout")), ReadFile(Path("stderr"))};
+        return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadWholeFile(Path("stdout")), ReadWholeFile(Path("stderr"))};
     }
 
     // Writes a container: chunk "b" (10 bytes) at 4096, "a" (5000 bytes, so
@@ -73,7 +63,7 @@ protected:
         return path;
     }
 
-    std::string m_dir;
+    CTestTempDir m_tmp;
 };
 
 // `chunks` lists the map; `cat` copies a chunk larger than one piece of its
@@ -81,7 +71,7 @@ protected:
 TEST_F(Qv8ToolTest, ChunksCatAndRepairOfAFinishedFile) {
     const std::string big = BinaryData((4u << 20) + 1234);
     const std::string file = WriteContainer("a.qv8", big);
-    const std::string before = ReadFile(file);
+    const std::string before = ReadWholeFile(file);
     ToolRun run = Run({"chunks", file});
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(run.out, "ImageDataSeq|0!\t16384\t8\na!\t8192\t5000\nb!\t4096\t10\nbig!\t20480\t" +
@@ -96,7 +86,7 @@ TEST_F(Qv8ToolTest, ChunksCatAndRepairOfAFinishedFile) {
     run = Run({"repair", file});
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.out, file + ": has a chunk map, left unchanged\n");
-    EXPECT_TRUE(ReadFile(file) == before);
+    EXPECT_TRUE(ReadWholeFile(file) == before);
 }
 
 TEST_F(Qv8ToolTest, RepairRebuildsTheMapOfAnUnfinishedFile) {
@@ -145,7 +135,7 @@ TEST_F(Qv8ToolTest, FailuresReportOneLineAndExitOne) {
         EXPECT_EQ(run.err, "qv8: " + missing + ": cannot open: No such file or directory (-9)\n");
     }
     EXPECT_FALSE(fs::exists(missing));
-    EXPECT_EQ(ReadFile(text), std::string(5000, 'x'));
+    EXPECT_EQ(ReadWholeFile(text), std::string(5000, 'x'));
 }
 
 TEST_F(Qv8ToolTest, UsageAndHelp) {
