@@ -1,6 +1,7 @@
 // Hands arbitrary bytes to the lite-variant reader: walks every level it can
 // enter, reads every value by position and by name and path, copies items
-// through a writer, and merges the two halves of the input.
+// through a writer, reads the input as a variant tree and writes that back,
+// and merges the two halves of the input.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +10,7 @@
 
 #include "gnr_system/CKvAlloc.h"
 #include "gnr_system/CKvLiteVariant.h"
+#include "gnr_system/CKvVariant.h"
 
 namespace {
 
@@ -71,6 +73,27 @@ void Walk(CKvLiteVariantR& r, int depth, const std::wstring& path, std::vector<s
     }
 }
 
+std::vector<uint8_t> Encode(const CKvVariant& tree, int compress) {
+    CKvLiteVariantW writer;
+    CKvLiteVariantR encoded;
+    // Whatever was read has at most as many levels as the writer accepts.
+    if (writer.Set(tree, L"tree") != KV_OK || writer.Finalize(encoded, compress) != KV_OK) std::abort();
+    return std::vector<uint8_t>(encoded.GetData(), encoded.GetData() + encoded.GetSize());
+}
+
+// The input as a variant tree, written back and read again: what the first
+// reading kept survives the writing, so the second encoding equals the first.
+void RoundTripTree(CKvLiteVariantR& reader, int compress) {
+    reader.Reset();
+    CKvVariant first;
+    if (reader.GetCurrentValue(first) != KV_OK) return;
+    const std::vector<uint8_t> once = Encode(first, compress);
+    CKvLiteVariantR again;
+    Load(again, once.data(), once.size());
+    CKvVariant second;
+    if (again.GetCurrentValue(second) != KV_OK || Encode(second, compress) != once) std::abort();
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -88,6 +111,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CKvLiteVariantR copied;
     if (copy.Finalize(copied, static_cast<int>(size & 1)) != KV_OK) std::abort();
     if (copied.CurrentLevelBegin() != KV_OK) std::abort();
+    RoundTripTree(reader, static_cast<int>(size & 1));
 
     for (const std::wstring& path : paths) {
         GetEveryType(reader, path.c_str());
@@ -95,6 +119,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         reader.CurrentLevelBegin();
         const size_t slash = path.rfind(L'\\');
         GetEveryType(reader, path.c_str() + slash + 1);
+        CKvVariant tree;
+        reader.Get(path.c_str() + slash + 1, tree);
         CKvLiteVariantR extracted;
         if (reader.Extract(path.c_str(), extracted) == KV_OK && extracted.NextValue() != KV_OK) std::abort();
     }

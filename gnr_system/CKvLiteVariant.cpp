@@ -3,6 +3,8 @@
 // enclosing level before it is used.
 #include "gnr_system/CKvLiteVariant.h"
 
+#include "gnr_system/CKvSerializerXMLString.h"
+
 #include <zlib.h>
 
 #include <algorithm>
@@ -11,6 +13,7 @@
 #include <string>
 
 #include "gnr_system/CKvAlloc.h"
+#include "gnr_system/CKvVariant.h"
 #include "gnr_system/KvBytes.h"
 
 namespace {
@@ -587,12 +590,17 @@ bool CKvLiteVariantR::IsValueSet(const wchar_t* name) {
     return Find(name, offset) == KV_OK;
 }
 
-kv_result CKvLiteVariantR::FindValue(uint8_t type, const wchar_t* name, SItem& item) {
+kv_result CKvLiteVariantR::FindItem(const wchar_t* name, SItem& item) {
     uint64_t offset = 0;
     kv_result r = Find(name, offset);
     if (r != KV_OK) return r;
-    if (!ParseItem(offset, Limit(), item) || !TypeFits(item.type, type)) return KV_ERR_FAILED;
-    return KV_OK;
+    return ParseItem(offset, Limit(), item) ? KV_OK : KV_ERR_FAILED;
+}
+
+kv_result CKvLiteVariantR::FindValue(uint8_t type, const wchar_t* name, SItem& item) {
+    kv_result r = FindItem(name, item);
+    if (r == KV_OK && !TypeFits(item.type, type)) r = KV_ERR_FAILED;
+    return r;
 }
 
 kv_result CKvLiteVariantR::ReadFixed(const SItem& item, uint8_t type, void* dest, uint64_t size) const {
@@ -733,6 +741,170 @@ kv_result CKvLiteVariantR::GetCurrentValue(CKvByteArray& value) {
     return value.SetData(m_pData + item.value, item.valueSize);
 }
 
+// ---------------------------------------------------------------- variant trees
+
+namespace {
+
+// Writes `data` as one item when it is of the scalar class `Data`.
+template <typename Data>
+bool SetIfOfClass(CKvLiteVariantW& writer, const CKvVariantData& data, const wchar_t* name, kv_result& result) {
+    const auto* node = dynamic_cast<const Data*>(&data);
+    if (node) result = writer.Set(node->Value(), name);
+    return node != nullptr;
+}
+
+// Writes `data` as one item of its type when it is one of the nine scalar
+// kinds; false when it is none of them.
+bool SetScalar(CKvLiteVariantW& writer, const CKvVariantData& data, const wchar_t* name, kv_result& result) {
+    return SetIfOfClass<CKvVariantDataBool>(writer, data, name, result) ||
+           SetIfOfClass<CKvVariantDataKv_int32>(writer, data, name, result) ||
+           SetIfOfClass<CKvVariantDataKv_uint32>(writer, data, name, result) ||
+           SetIfOfClass<CKvVariantDataKv_int64>(writer, data, name, result) ||
+           SetIfOfClass<CKvVariantDataKv_uint64>(writer, data, name, result) ||
+           SetIfOfClass<CKvVariantDataDouble>(writer, data, name, result) ||
+           SetIfOfClass<CKvVariantDataVoidPtr>(writer, data, name, result) ||
+           SetIfOfClass<CKvVariantDataCKvByteArray>(writer, data, name, result) ||
+           SetIfOfClass<CKvVariantDataCKvStringW>(writer, data, name, result);
+}
+
+// A list whose first element is a string named like the run-type item would
+// lose that element to it when read back, unless its run type is written too.
+bool StartsLikeRunTypeItem(const CKvVariant& list) {
+    const CKvVariant* first = list.IndexPtr(0);
+    return first && dynamic_cast<const CKvVariantDataCKvStringW*>(first->GetData()) &&
+           first->GetName().Compare(kLvRunTypeItemName) == 0;
+}
+
+// Whether a stored name spells `text` (characters below U+10000), terminator included.
+bool NameEquals(const SKvLvName& name, const wchar_t* text) {
+    const size_t length = std::wcslen(text);
+    if (name.length != length + 1 || kvbytes::LoadU16(name.units + 2 * length) != 0) return false;
+    for (size_t i = 0; i < length; ++i)
+        if (kvbytes::LoadU16(name.units + 2 * i) != static_cast<uint16_t>(text[i])) return false;
+    return true;
+}
+
+}  // namespace
+
+kv_result CKvLiteVariantW::Set(const CKvVariant& value, const wchar_t* name) {
+    const uint64_t used = m_nUsed;
+    const size_t levels = m_aLevels.size();
+    const size_t children = levels ? m_aLevels.back().children.size() : 0;
+    const kv_result result =
+        KvNoThrow([&] { return WriteVariant(value, name ? name : value.GetName().GetString()); });
+    if (result != KV_OK) Truncate(used, levels, children);
+    return result;
+}
+
+void CKvLiteVariantW::Truncate(uint64_t used, size_t levels, size_t children) {
+    m_aLevels.resize(levels);
+    if (levels) m_aLevels.back().children.resize(children);
+    m_nUsed = used;
+}
+
+kv_result CKvLiteVariantW::WriteVariant(const CKvVariant& value, const wchar_t* name) {
+    if (value.GetCount() >= 0) return WriteList(value, name);
+    kv_result result = KV_OK;
+    if (value.GetData() && SetScalar(*this, *value.GetData(), name, result)) return result;
+    // A null node or a kind without an item type keeps only its name.
+    if (!name || !*name) return KV_OK;
+    result = LevelBegin(name);
+    return result == KV_OK ? LevelEnd() : result;
+}
+
+kv_result CKvLiteVariantW::WriteList(const CKvVariant& list, const wchar_t* name) {
+    if (GetLevelIndex() + 1 >= kLvMaxLevelDepth) return KV_ERR_FAILED;
+    kv_result result = LevelBegin(name);
+    if (result != KV_OK) return result;
+    const CKvVariantRunType runType = list.GetRunType();
+    if (runType != CKvVariantRunType(CKvVariantDataCKvListVariant::m_runTypeOrig) || StartsLikeRunTypeItem(list))
+        result = Set(CKvStringW(runType.GetName()), kLvRunTypeItemName);
+    for (int i = 0; result == KV_OK && i < list.GetCount(); ++i) {
+        const CKvVariant& element = list[i];
+        result = WriteVariant(element, element.GetName().GetString());
+    }
+    return result == KV_OK ? LevelEnd() : result;
+}
+
+kv_result CKvLiteVariantR::GetCurrentValue(CKvVariant& value) {
+    SItem item;
+    if (!ParseCurrent(item)) return KV_ERR_FAILED;
+    return ReadVariant(item, value);
+}
+
+kv_result CKvLiteVariantR::Get(const wchar_t* name, CKvVariant& value) {
+    SItem item;
+    kv_result result = FindItem(name, item);
+    if (result != KV_OK) return result;
+    const uint64_t position = m_nCurrentOffset;
+    m_nCurrentOffset = item.start;
+    result = ReadVariant(item, value);
+    m_nCurrentOffset = result == KV_OK ? item.start + item.length : position;
+    return result;
+}
+
+kv_result CKvLiteVariantR::ReadVariant(const SItem& item, CKvVariant& value) {
+    const bool typeChange = value.EnableTypeChange(true);
+    const kv_result result = KvNoThrow([&] {
+        value.MakeNull();
+        return item.type == eLvLevel ? ReadLevel(item, value) : ReadScalar(item, value);
+    });
+    value.EnableTypeChange(typeChange);
+    return result;
+}
+
+kv_result CKvLiteVariantR::ReadScalar(const SItem& item, CKvVariant& value) const {
+    const uint8_t* bytes = m_pData + item.value;
+    switch (item.type) {
+        case eLvBool: value = bytes[0] != 0; break;
+        case eLvInt32: value = static_cast<kv_int32>(kvbytes::LoadU32(bytes)); break;
+        case eLvUInt32: value = kv_uint32{kvbytes::LoadU32(bytes)}; break;
+        case eLvInt64: value = static_cast<kv_int64>(kvbytes::LoadU64(bytes)); break;
+        case eLvUInt64: value = kv_uint64{kvbytes::LoadU64(bytes)}; break;
+        case eLvDouble: value = kvbytes::LoadF64(bytes); break;
+        case eLvPointer: value = reinterpret_cast<void*>(static_cast<uintptr_t>(kvbytes::LoadU64(bytes))); break;
+        case eLvString: value = StringOfUnits(bytes, item.valueSize); break;
+        case eLvByteArray: {
+            // Filled in place: the bytes are copied once, not again by the assignment.
+            value = CKvByteArray();
+            auto* node = dynamic_cast<CKvVariantDataCKvByteArray*>(value.GetData());
+            return item.valueSize ? node->Value().SetData(bytes, item.valueSize) : KV_OK;
+        }
+        default: return KV_ERR_FAILED;
+    }
+    return KV_OK;
+}
+
+kv_result CKvLiteVariantR::ReadLevel(const SItem& level, CKvVariant& value) {
+    kv_result result = EnterLevelAt(level.start, nullptr);
+    if (result != KV_OK) return result;
+    result = KvNoThrow([&] { return ReadElements(value); });
+    LevelEnd();  // back on the level's own item
+    return result;
+}
+
+kv_result CKvLiteVariantR::ReadElements(CKvVariant& list) {
+    list = CKvListVariant();  // an empty level is an empty list
+    SItem item;
+    CKvStringW runType;
+    const bool structured = ParseCurrent(item) && item.type == eLvString && NameEquals(item.name, kLvRunTypeItemName);
+    if (structured) {
+        runType = StringOfUnits(m_pData + item.value, item.valueSize);
+        m_nCurrentOffset = item.start + item.length;
+    }
+    for (; ParseCurrent(item); m_nCurrentOffset = item.start + item.length) {
+        CKvVariant* element = list.Append(CKvVariant());
+        if (!element) return KV_ERR_OUT_OF_MEMORY;
+        element->SetName(NameToString(item.name));
+        const kv_result result = ReadVariant(item, *element);
+        if (result != KV_OK) list.Delete(static_cast<unsigned>(list.GetCount() - 1));
+        if (result == KV_ERR_OUT_OF_MEMORY) return result;
+    }
+    // An unknown run type leaves a plain list (and the registry's diagnostic).
+    if (structured) list.SetRunTypeCompatible(CKvVariantRunType(CKvStringA(runType)));
+    return KV_OK;
+}
+
 // ---------------------------------------------------------------- old form
 
 kv_result CKvLiteVariantR::ConvertLV31toLV32() {
@@ -791,12 +963,9 @@ kv_result CKvLiteVariantR::ExtractCurrent(CKvLiteVariantR& out) {
 }
 
 kv_result CKvLiteVariantR::Extract(const wchar_t* name, CKvLiteVariantR& out) {
-    uint64_t offset = 0;
-    kv_result r = Find(name, offset);
-    if (r != KV_OK) return r;
     SItem item;
-    if (!ParseItem(offset, Limit(), item)) return KV_ERR_FAILED;
-    return CopyItem(item, out);
+    kv_result r = FindItem(name, item);
+    return r == KV_OK ? CopyItem(item, out) : r;
 }
 
 // ---------------------------------------------------------------- merging
@@ -1017,4 +1186,32 @@ kv_result CKvLiteVariantRHolder::MakeNotNullAndUnique() {
     m_pReader->Release();
     m_pReader = copy;
     return KV_OK;
+}
+
+// ---- XML form ----
+
+kv_result CKvLiteVariantR::LiteVariantToXML(CKvStringW& xml) {
+    return KvNoThrow([&]() -> kv_result {
+        Reset();
+        CKvVariant tree;
+        tree.SetName(GetCurrentName());  // the document's root is the item itself
+        kv_result r = GetCurrentValue(tree);
+        Reset();
+        if (r != KV_OK) return r;
+        CKvStringW document;
+        r = CKvSerializerXMLString::DocumentToXML(document, tree);
+        if (r == KV_OK) xml = std::move(document);
+        return r;
+    });
+}
+
+kv_result CKvLiteVariantR::LiteVariantFromXML(const CKvStringW& xml) {
+    return KvNoThrow([&]() -> kv_result {
+        CKvVariant tree;
+        kv_result r = CKvSerializerXMLString::VariantFromXML(tree, xml);
+        if (r != KV_OK) return r;
+        CKvLiteVariantW writer;
+        r = writer.Set(tree);
+        return r == KV_OK ? writer.Finalize(*this, 0) : r;
+    });
 }

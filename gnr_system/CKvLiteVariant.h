@@ -47,8 +47,12 @@ constexpr uint64_t kLvInitialBufferSize = 4096;
 constexpr uint32_t kLvChildArrayStep = 32;
 constexpr uint32_t kLvLevelStackStep = 8;
 // Deepest nesting the reader enters; keeps hostile input from exhausting
-// the stack of the recursive operations (conversion, merge).
+// the stack of the recursive operations (conversion, merge, variant trees).
+// A variant tree is written no deeper, so that it always reads back whole.
 constexpr int32_t kLvMaxLevelDepth = 128;
+// Name of the string item that opens the level of a list whose run type is
+// not the plain list's, holding that run-type name.
+constexpr wchar_t kLvRunTypeItemName[] = L"__m_runType";
 
 // An item name in stored form: `length` UTF-16LE units including the
 // terminating 0 (0 for an unnamed item), at `units`.
@@ -58,6 +62,7 @@ struct SKvLvName {
 };
 
 class CKvLiteVariantR;
+class CKvVariant;
 
 class CKvLiteVariantW {
 public:
@@ -80,6 +85,15 @@ public:
     kv_result Set(const CKvStringW& value, const wchar_t* name) { return Set(value.GetString(), name); }
     kv_result Set(const CKvByteArray& value, const wchar_t* name);
     kv_result Set(const void* data, uint64_t size, const wchar_t* name);
+    // Writes a whole variant tree under `name`, or under the variant's own
+    // name when `name` is null. A scalar becomes one item of its type; a list
+    // a level holding its elements under their own names, preceded by a
+    // kLvRunTypeItemName string when its run type is not the plain list's (or
+    // when its first element would be mistaken for that item); a null variant
+    // an empty level, or nothing when the name is empty. -9 for a tree
+    // nested deeper than kLvMaxLevelDepth levels, -3 out of memory; on
+    // failure nothing of the tree stays written.
+    kv_result Set(const CKvVariant& value, const wchar_t* name = nullptr);
 
     // The primitive behind every Set: `size` value bytes of a type 1 to 9
     // (for type 9 the byte count is written before them). Fixed-size types
@@ -128,6 +142,11 @@ private:
     void RecordChild();
     void WriteHeader(uint8_t type, const SKvLvName& name);
     void FreeBuffer();
+    kv_result WriteVariant(const CKvVariant& value, const wchar_t* name);
+    kv_result WriteList(const CKvVariant& list, const wchar_t* name);
+    // Drops what was written after the state (buffer length, open levels,
+    // children of the innermost of them) recorded before.
+    void Truncate(uint64_t used, size_t levels, size_t children);
 
     uint8_t* m_pBuffer = nullptr;
     uint64_t m_nCapacity = 0;
@@ -205,6 +224,17 @@ public:
     kv_result GetCurrentValue(CKvStringW& result, const wchar_t* def = L"");
     kv_result GetCurrentValue(CKvByteArray& value);
 
+    // Reads the current item as a variant tree into `value`, which keeps its
+    // name and type-change setting: items of types 1 to 9 become scalars of
+    // the matching run type; a level becomes a list of its children, each
+    // named after its item, and takes the run type a leading
+    // kLvRunTypeItemName string names (SetRunTypeCompatible). Children that
+    // cannot be read are left out. -9 when there is no valid current item,
+    // -3 out of memory. The position stays on the item.
+    kv_result GetCurrentValue(CKvVariant& value);
+    // The same for the item `name`; on success steps past it.
+    kv_result Get(const wchar_t* name, CKvVariant& value);
+
     // Copies the current (or named) item into `out` as a buffer of its own.
     kv_result ExtractCurrent(CKvLiteVariantR& out);
     kv_result Extract(const wchar_t* name, CKvLiteVariantR& out);
@@ -226,6 +256,11 @@ public:
     // A readable dump, one line per item, indented by level: `name (type) = value`.
     // The position and entered levels are kept.
     kv_result Trace(CKvStringW& text);
+    // The encoding as a wide XML document (the item at the start of the
+    // buffer, read into a variant tree), and back: the XML document replaces
+    // the buffer with its uncompressed encoding.
+    kv_result LiteVariantToXML(CKvStringW& xml);
+    kv_result LiteVariantFromXML(const CKvStringW& xml);
 
     // Rewrites an old-form buffer (code-10 levels, absolute offsets) in place.
     kv_result ConvertLV31toLV32();
@@ -262,10 +297,19 @@ private:
     bool ParseCurrent(SItem& item);
     kv_result FindStored(const SKvLvName& name, uint64_t& offset);
     kv_result EnterLevelAt(uint64_t pos, uint32_t* count);
+    // Find, then the item found, validated.
+    kv_result FindItem(const wchar_t* name, SItem& item);
     kv_result FindValue(uint8_t type, const wchar_t* name, SItem& item);
     kv_result ReadFixed(const SItem& item, uint8_t type, void* dest, uint64_t size) const;
     kv_result ConvertOldLevel(uint64_t pos, uint64_t limit, int32_t depth);
     kv_result CopyItem(const SItem& item, CKvLiteVariantR& out) const;
+    // The variant reading: the item parsed at the position into `value`. The
+    // recursion descends only through entered levels, so its depth is bounded
+    // by kLvMaxLevelDepth.
+    kv_result ReadVariant(const SItem& item, CKvVariant& value);
+    kv_result ReadScalar(const SItem& item, CKvVariant& value) const;
+    kv_result ReadLevel(const SItem& level, CKvVariant& value);
+    kv_result ReadElements(CKvVariant& list);
     void Adopt(CKvLiteVariantR& other);
     static kv_result MergePair(CKvLiteVariantW& writer, CKvLiteVariantR& a, uint64_t inA, CKvLiteVariantR& b,
                                uint64_t inB, const SKvLvName& name);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "gnr_system/CKvAlloc.h"
+#include "gnr_system/CKvVariant.h"
 #include "gnr_system/KvBytes.h"
 
 namespace {
@@ -521,4 +522,205 @@ TEST(CKvLiteVariant, SurvivesDamagedInput) {
     EXPECT_EQ(kLvMaxLevelDepth, entered);
 }
 
+// ---- Variant trees
+
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+const CKvVariant* const kNoMore = nullptr;
+
+// A point {dX, dY} and a shape {wsLabel, pOrigin (a point), uiCount}.
+void RegisterShape() {
+    CKvVariant dX(0.0, L"dX"), dY(0.0, L"dY");
+    CKvVariant point = CKvVariant::CreateStructNamed("RKvLvPoint", L"RKvLvPoint", &dX, &dY, kNoMore);
+    CKvVariant::RegisterRunType(point);
+    CKvVariant label(L"", L"wsLabel"), count(0u, L"uiCount");
+    point.SetName(L"pOrigin");
+    CKvVariant::RegisterRunType(
+        CKvVariant::CreateStructNamed("RKvLvShape", L"RKvLvShape", &label, &point, &count, kNoMore));
+}
+
+// A tree with every scalar kind, nested and empty plain lists and a shape.
+CKvVariant MakeTree() {
+    RegisterShape();
+    CKvByteArray bytes;
+    bytes.SetData("\x00\x01\xFF", 3);
+    CKvVariant tree(CKvListVariant(), L"Root");
+    for (const CKvVariant& v :
+         {CKvVariant(true, L"bFlag"), CKvVariant(-5, L"iSigned"), CKvVariant(4000000000u, L"uiBig"),
+          CKvVariant(-1L - INT32_MAX * 3L, L"llSigned"), CKvVariant(UINT64_MAX, L"ullMax"), CKvVariant(-0.25, L"dValue"),
+          CKvVariant(reinterpret_cast<void*>(uintptr_t{0x1234}), L"pHandle"), CKvVariant(L"x\U0001F600y", L"wsText"),
+          CKvVariant(bytes, L"baBytes"), CKvVariant(CKvByteArray(), L"baEmpty"), CKvVariant(CKvListVariant(), L"lEmpty")})
+        tree.Append(v);
+    CKvVariant inner(CKvListVariant(), L"lInner"), innermost(CKvListVariant(), L"lInnermost");
+    innermost.Append(CKvVariant(L"deep", L"wsDeep"));
+    inner.Append(CKvVariant(7, L"iSeven"));
+    inner.Append(innermost);
+    tree.Append(inner);
+    CKvVariant shape(CKvVariantRunType("RKvLvShape"), L"shape");
+    shape[L"wsLabel"] = L"square";
+    shape[L"pOrigin"][L"dY"] = 2.5;
+    shape[L"uiCount"] = 4u;
+    tree.Append(shape);
+    return tree;
+}
+
+TEST(CKvLiteVariant, VariantTreeRoundTrips) {
+    const CKvVariant tree = MakeTree();
+    for (int compress : {0, 1}) {
+        CKvLiteVariantW w;
+        ASSERT_EQ(KV_OK, w.Set(tree));
+        CKvLiteVariantR r;
+        ASSERT_EQ(KV_OK, w.Finalize(r, compress));
+        CKvVariant back(1, L"target");
+        ASSERT_EQ(KV_OK, r.GetCurrentValue(back));
+        EXPECT_TRUE(back == tree);
+        EXPECT_EQ(CKvStringW(L"target"), back.GetName());  // the target keeps its name and setting
+        EXPECT_FALSE(back.IsEnabledTypeChange());
+        EXPECT_EQ(CKvVariantRunType("RKvLvShape"), back[L"shape"].GetRunType());
+        EXPECT_EQ(CKvVariantRunType("RKvLvPoint"), back[L"shape"][L"pOrigin"].GetRunType());
+        EXPECT_EQ(CKvStringW(L"x\U0001F600y"), back[L"wsText"].GetCKvStringW());
+
+        // Only the structured levels record their run type, as their first child.
+        ASSERT_EQ(KV_OK, r.CurrentLevelBegin());
+        EXPECT_EQ(CKvStringW(L"bFlag"), r.GetCurrentName());
+        ASSERT_EQ(KV_OK, r.LevelBegin(L"shape"));
+        EXPECT_EQ(CKvStringW(kLvRunTypeItemName), r.GetCurrentName());
+        EXPECT_EQ(CKvStringW(L"RKvLvShape"), r.Get(kLvRunTypeItemName, L""));
+        // By name: read, then stepped past.
+        CKvVariant origin;
+        ASSERT_EQ(KV_OK, r.Get(L"pOrigin", origin));
+        EXPECT_TRUE(origin == tree[L"shape"][L"pOrigin"]);
+        EXPECT_EQ(CKvStringW(L"uiCount"), r.GetCurrentName());
+        EXPECT_EQ(KV_ERR_FAILED, r.Get(L"pMissing", origin));
+    }
+}
+
+// Older or newer layouts of a structure are brought to the registered one.
+TEST(CKvLiteVariant, VariantStructureReadCompatibly) {
+    RegisterShape();
+    CKvLiteVariantW w;
+    ASSERT_EQ(KV_OK, w.LevelBegin(L"shape"));
+    ASSERT_EQ(KV_OK, w.Set(L"RKvLvShape", kLvRunTypeItemName));
+    ASSERT_EQ(KV_OK, w.Set(true, L"bExtra"));
+    ASSERT_EQ(KV_OK, w.Set(L"old", L"wsLabel"));
+    ASSERT_EQ(KV_OK, w.Set(3u, L"uiCount"));
+    ASSERT_EQ(KV_OK, w.LevelBegin(L"unknown"));
+    ASSERT_EQ(KV_OK, w.Set(L"RKvLvNowhere", kLvRunTypeItemName));
+    ASSERT_EQ(KV_OK, w.Set(1, L"iKept"));
+    CKvLiteVariantR r;
+    ASSERT_EQ(KV_OK, w.Finalize(r, 0));
+    CKvVariant shape;
+    CaptureStdout();
+    ASSERT_EQ(KV_OK, r.GetCurrentValue(shape));
+    EXPECT_NE(std::string::npos, GetCapturedStdout().find("RKvLvNowhere"));
+    EXPECT_EQ(CKvVariantRunType("RKvLvShape"), shape.GetRunType());
+    EXPECT_EQ(0, CKvVariant::CompareStructure(shape, CKvVariant::GetRunTypeSample("RKvLvShape"), true));
+    EXPECT_TRUE(shape[L"wsLabel"] == L"old");
+    EXPECT_EQ(3u, shape[L"uiCount"].GetKv_uint32());
+    EXPECT_EQ(CKvVariantRunType("RKvLvPoint"), shape[L"pOrigin"].GetRunType());
+    EXPECT_EQ(-9, shape.IndexOf(L"bExtra"));
+    EXPECT_EQ(-9, shape.IndexOf(L"unknown"));  // not a member of the type
+
+    // An unknown run type leaves a plain list of what was stored.
+    ASSERT_EQ(KV_OK, r.CurrentLevelBegin());
+    CKvVariant unknown;
+    CaptureStdout();
+    ASSERT_EQ(KV_OK, r.Get(L"unknown", unknown));
+    GetCapturedStdout();
+    EXPECT_EQ(CKvVariantRunType("CKvListVariant"), unknown.GetRunType());
+    EXPECT_EQ(1, unknown.GetCount());
+    EXPECT_TRUE(unknown[L"iKept"] == 1);
+}
+
+TEST(CKvLiteVariant, VariantEdgeCases) {
+    // A node of no item kind (here null) keeps only a name, as an empty level.
+    CKvVariant null;
+    CKvLiteVariantW w;
+    EXPECT_EQ(KV_OK, w.Set(null));
+    EXPECT_EQ(0u, w.GetSize());
+    null.SetName(L"nothing");
+    EXPECT_EQ(KV_OK, w.Set(null, L""));  // an explicit empty name wins
+    EXPECT_EQ(0u, w.GetSize());
+    EXPECT_EQ(KV_OK, w.Set(null));
+    CKvLiteVariantR r;
+    ASSERT_EQ(KV_OK, w.Finalize(r, 0));
+    EXPECT_EQ(CKvStringW(L"nothing"), r.GetCurrentName());
+    CKvVariant back(5, L"back");
+    ASSERT_EQ(KV_OK, r.GetCurrentValue(back));
+    EXPECT_EQ(0, back.GetCount());
+    ASSERT_EQ(KV_OK, r.NextValue());
+    EXPECT_EQ(KV_ERR_FAILED, r.GetCurrentValue(back));  // nothing left: the target stays as it is
+    EXPECT_EQ(0, back.GetCount());
+
+    // A plain list starting with a string named like the run-type item, and
+    // unnamed elements (read back under the name every variant gets then).
+    CKvVariant list(CKvListVariant(), L"list"), unnamed;
+    unnamed = 3;
+    list.Append(CKvVariant(L"CKvByteArray", kLvRunTypeItemName));
+    list.Append(unnamed);
+    ASSERT_EQ(KV_OK, w.Set(list));
+    ASSERT_EQ(KV_OK, w.Finalize(r, 0));
+    ASSERT_EQ(KV_OK, r.GetCurrentValue(back));
+    list[1].SetName(L"no_name");
+    EXPECT_TRUE(back == list);
+}
+
+// Trees deeper than the reader enters are refused whole by the writer; such
+// levels written by hand are left out when read.
+TEST(CKvLiteVariant, VariantDepthIsBounded) {
+    CKvVariant deep(CKvListVariant(), L"p");
+    CKvVariant* node = &deep;
+    for (int i = 1; i < kLvMaxLevelDepth; ++i) node = node->Append(CKvVariant(CKvListVariant(), L"p"));
+    node->Append(CKvVariant(1, L"leaf"));
+    CKvLiteVariantW w;
+    ASSERT_EQ(KV_OK, w.Set(deep));
+    CKvLiteVariantR r;
+    ASSERT_EQ(KV_OK, w.Finalize(r, 0));
+    CKvVariant back;
+    ASSERT_EQ(KV_OK, r.GetCurrentValue(back));
+    EXPECT_TRUE(back == deep);
+
+    ASSERT_EQ(KV_OK, w.LevelBegin(L"outer"));
+    ASSERT_EQ(KV_OK, w.Set(1, L"a"));
+    const uint64_t before = w.GetSize();
+    EXPECT_EQ(KV_ERR_FAILED, w.Set(deep));
+    EXPECT_EQ(before, w.GetSize());
+    ASSERT_EQ(KV_OK, w.Set(2, L"b"));
+    ASSERT_EQ(KV_OK, w.Finalize(r, 0));
+    ASSERT_EQ(KV_OK, r.GetCurrentValue(back));
+    EXPECT_EQ(2, back.GetCount());
+    EXPECT_TRUE(back[L"b"] == 2);
+
+    for (int i = 0; i < 300; ++i) ASSERT_EQ(KV_OK, w.LevelBegin(L"p"));
+    ASSERT_EQ(KV_OK, w.Finalize(r, 0));
+    ASSERT_EQ(KV_OK, r.GetCurrentValue(back));
+    int lists = 0;
+    for (const CKvVariant* node = &back; node; node = node->IndexPtr(0)) ++lists;
+    EXPECT_EQ(kLvMaxLevelDepth, lists);
+}
+
 }  // namespace
+
+// The XML view of an encoding reads back into the same encoding.
+TEST(CKvLiteVariantXml, EncodingThroughXmlAndBack) {
+    CKvLiteVariantW writer;
+    writer.LevelBegin(L"SKvCalibration");
+    writer.Set(0.5, L"dCalibration");
+    writer.Set(true, L"bValid");
+    writer.Set(L"line\nbreak <&> \x01", L"sObjective");
+    writer.Set(static_cast<uint32_t>(7), L"uiCount");
+    writer.LevelEnd();
+    CKvLiteVariantR original;
+    ASSERT_EQ(writer.Finalize(original, 1), KV_OK);  // compressed: expanded on the way
+
+    CKvStringW xml;
+    ASSERT_EQ(original.LiteVariantToXML(xml), KV_OK);
+    EXPECT_EQ(xml.Find(L"<?xml version=\"1.0\" encoding=\"UTF-16\"?><variant version=\"1.0\"><SKvCalibration"), 0);
+    CKvLiteVariantR back;
+    ASSERT_EQ(back.LiteVariantFromXML(xml), KV_OK);
+    original.Reset();
+    ASSERT_EQ(original.GetSize(), back.GetSize());
+    EXPECT_EQ(0, std::memcmp(original.GetData(), back.GetData(), static_cast<size_t>(back.GetSize())));
+    EXPECT_EQ(back.LiteVariantFromXML(CKvStringW(L"<wrong/>")), KV_ERR_FAILED);
+}

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "fileformat/CKvFileChunker.h"
+#include "gnr_system/CKvLiteVariant.h"
 #include "tests/TestSupport.h"
 
 namespace {
@@ -155,3 +156,40 @@ TEST_F(Qv8ToolTest, UsageAndHelp) {
 }
 
 }  // namespace
+
+// `xml` shows a compressed lite-variant chunk and an XML chunk as UTF-8
+// documents, flat or indented, and refuses a chunk that holds no metadata.
+TEST_F(Qv8ToolTest, XmlShowsMetadataChunks) {
+    const std::string path = Path("m.qv8");
+    {
+        CKvLiteVariantW writer;
+        writer.LevelBegin(L"SKvCalibration");
+        writer.Set(0.5, L"dCalibration");
+        writer.Set(L"20x <air>", L"sObjective");
+        writer.LevelEnd();
+        CKvLiteVariantR encoded;
+        ASSERT_EQ(writer.Finalize(encoded, 1), KV_OK);
+        const std::string xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?><variant version=\"1.0\">"
+                                "<Info runtype=\"CKvListVariant\"><uiCount runtype=\"kv_uint32\" value=\"3\"/></Info></variant>";
+        CKvFileChunker chunker;
+        CKvStringA version("Ver3.0");
+        ASSERT_EQ(chunker.Initialize_File(CKvStringUtils::UTF8toW(path.c_str()).c_str(), false, false, version), KV_OK);
+        ASSERT_EQ(chunker.SetChunk(encoded, "ImageCalibrationLV"), KV_OK);
+        ASSERT_EQ(chunker.SetChunk(xml.data(), static_cast<uint32_t>(xml.size()), "TextInfo"), KV_OK);
+        ASSERT_EQ(chunker.SetChunk("\x01\x02junk", 6, "Junk"), KV_OK);
+        ASSERT_EQ(chunker.Finalize(), KV_OK);
+    }
+    ToolRun run = Run({"xml", path, "ImageCalibrationLV!"});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out, "<?xml version=\"1.0\" encoding=\"UTF-8\"?><variant version=\"1.0\">"
+                       "<SKvCalibration runtype=\"CKvListVariant\"><dCalibration runtype=\"double\" value=\"0.5\"/>"
+                       "<sObjective runtype=\"CKvStringW\" value=\"20x &#x003C;air>\"/></SKvCalibration></variant>\n");
+    run = Run({"xml", "--indent", path, "TextInfo"});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out, "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<variant version=\"1.0\">\n"
+                       "  <Info runtype=\"CKvListVariant\">\n    <uiCount runtype=\"kv_uint32\" value=\"3\"/>\n"
+                       "  </Info>\n</variant>\n");
+    run = Run({"xml", path, "Junk"});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_NE(run.err.find("qv8: " + path + ": chunk \"Junk!\""), std::string::npos) << run.err;
+}

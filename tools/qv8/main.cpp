@@ -13,6 +13,7 @@ const SQv8Command* const kCommands[] = {
     &kChunksCommand,
     &kCatCommand,
     &kRepairCommand,
+    &kXmlCommand,
 };
 
 const SQv8Command* FindCommand(std::string_view name) {
