@@ -2,7 +2,7 @@
 // lite-variant tree (64 planes of 20 keys each), reading it in written order
 // (one name comparison per value) and in shuffled order (binary search), and
 // look-ups in levels of 1,000 to 100,000 children, which should grow with
-// the logarithm of the level size.
+// the logarithm of the level size; and the XML round trip of the same tree.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "gnr_system/CKvLiteVariant.h"
+#include "gnr_system/CKvSerializerXMLString.h"
+#include "gnr_system/CKvVariant.h"
 
 namespace {
 
@@ -136,7 +138,24 @@ void BM_LookupInLevel(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 
+// The tree decoded into a variant, written as a UTF-8 document and parsed back.
+void BM_XmlRoundTrip(benchmark::State& state) {
+    CKvLiteVariantR reader = EncodedTree();
+    CKvVariant tree;
+    tree.SetName(reader.GetCurrentName());
+    reader.GetCurrentValue(tree);
+    for (auto _ : state) {
+        CKvStringA document;
+        CKvSerializerXMLString::DocumentToXML_UTF8(document, tree);
+        CKvVariant back;
+        CKvSerializerXMLString::VariantFromXML_UTF8(back, document);
+        benchmark::DoNotOptimize(back.GetCount());
+    }
+    state.SetItemsProcessed(state.iterations() * kItemsPerTree);
+}
+
 BENCHMARK(BM_WriteTree);
+BENCHMARK(BM_XmlRoundTrip);
 BENCHMARK(BM_ReadTreeInWrittenOrder);
 BENCHMARK(BM_ReadTreeShuffled);
 BENCHMARK(BM_LookupInLevel)->Arg(1000)->Arg(10000)->Arg(100000);
