@@ -16,13 +16,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Long enough for a thread that is free to go to get there on a loaded machine.
-constexpr auto kGenerousWait = 5s;
-// How long a thread that should be blocked is watched before we call it blocked.
-constexpr auto kBlockedWatch = 100ms;
-
-// Polls `condition` until it holds or `timeout` passes.
-bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout = kGenerousWait) {
+// Polls `condition` until it holds or `timeout` (ample on a loaded machine) passes.
+bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout = 5s) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!condition()) {
         if (std::chrono::steady_clock::now() >= deadline) return false;
@@ -35,11 +30,7 @@ bool WaitFor(const std::function<bool()>& condition, std::chrono::milliseconds t
 // lock deadlocked: the test program stops instead of hanging.
 class CProbe {
 public:
-    explicit CProbe(std::function<void()> body)
-        : m_thread([this, body = std::move(body)] {
-              body();
-              m_done = true;
-          }) {}
+    explicit CProbe(std::function<void()> body) : m_thread([this, body = std::move(body)] { body(); m_done = true; }) {}
     ~CProbe() {
         if (!WaitDone()) {
             fprintf(stderr, "lock test: a thread is still blocked, giving up\n");
@@ -47,13 +38,10 @@ public:
         }
         m_thread.join();
     }
-    CProbe(const CProbe&) = delete;
-    CProbe& operator=(const CProbe&) = delete;
-
     bool WaitDone() const { return WaitFor([this] { return m_done.load(); }); }
-    // Stays unfinished for the whole watch.
+    // Stays unfinished for a watch long enough to call it blocked.
     bool StaysBlocked() const {
-        std::this_thread::sleep_for(kBlockedWatch);
+        std::this_thread::sleep_for(100ms);
         return !m_done;
     }
 
@@ -62,11 +50,13 @@ private:
     std::thread m_thread;
 };
 
+template <class Lock> std::function<void()> ReadOnce(Lock& lock) { return [&lock] { lock.rLock(); lock.rUnLock(); }; }
+template <class Lock> std::function<void()> WriteOnce(Lock& lock) { return [&lock] { lock.wLock(); lock.wUnLock(); }; }
+
 TEST(CKvWORMLockTest, ReadersHoldTheLockTogether) {
     CKvWORMLock lock;
     constexpr int kReaders = 4;
-    std::atomic<int> inside{0};
-    std::atomic<int> sawAll{0};
+    std::atomic<int> inside{0}, sawAll{0};
     std::vector<std::unique_ptr<CProbe>> readers;
     for (int i = 0; i < kReaders; ++i) {
         readers.push_back(std::make_unique<CProbe>([&] {
@@ -83,46 +73,23 @@ TEST(CKvWORMLockTest, ReadersHoldTheLockTogether) {
 }
 
 TEST(CKvWORMLockTest, WriterExcludesReadersAndWriters) {
-    CKvWORMLock lock;
+    CKvWORMLock lock, other;
     ASSERT_EQ(0, lock.wLock());
-    CProbe reader([&] {
-        lock.rLock();
-        lock.rUnLock();
-    });
-    CProbe writer([&] {
-        lock.wLock();
-        lock.wUnLock();
-    });
+    CProbe reader(ReadOnce(lock)), writer(WriteOnce(lock));
     // Another lock has its own state, though it shares the monitor.
-    CKvWORMLock other;
-    CProbe otherUser([&] {
-        other.wLock();
-        other.rLock();
-        other.rUnLock();
-        other.wUnLock();
-    });
+    CProbe otherUser([&] { other.wLock(); other.rLock(); other.rUnLock(); other.wUnLock(); });
     EXPECT_TRUE(otherUser.WaitDone());
     EXPECT_TRUE(reader.StaysBlocked());
     EXPECT_TRUE(writer.StaysBlocked());
-
     EXPECT_EQ(0, lock.wUnLock());
     EXPECT_TRUE(reader.WaitDone());
     EXPECT_TRUE(writer.WaitDone());
 }
 
-TEST(CKvWORMLockTest, ReaderHoldsOffAWriterButNotAnotherReader) {
+TEST(CKvWORMLockTest, ReaderHoldsOffAWriter) {
     CKvWORMLock lock;
     ASSERT_EQ(0, lock.rLock());
-    CProbe reader([&] {
-        lock.rLock();
-        lock.rUnLock();
-    });
-    EXPECT_TRUE(reader.WaitDone());
-
-    CProbe writer([&] {
-        lock.wLock();
-        lock.wUnLock();
-    });
+    CProbe writer(WriteOnce(lock));
     EXPECT_TRUE(writer.StaysBlocked());
     EXPECT_EQ(0, lock.rUnLock());
     EXPECT_TRUE(writer.WaitDone());
@@ -130,8 +97,7 @@ TEST(CKvWORMLockTest, ReaderHoldsOffAWriterButNotAnotherReader) {
 
 TEST(CKvWORMLockTest, OwnerReentersAndReleasesAfterAsManyUnlocks) {
     CKvWORMLock lock;
-    // On a probe thread, so that a lock that blocks its own writer fails the
-    // test rather than hanging it.
+    // On a probe, so that a lock blocking its own writer fails rather than hangs.
     CProbe owner([&] {
         EXPECT_EQ(0, lock.wLock());
         EXPECT_EQ(0, lock.wLock());
@@ -141,13 +107,8 @@ TEST(CKvWORMLockTest, OwnerReentersAndReleasesAfterAsManyUnlocks) {
         EXPECT_EQ(0, lock.rUnLock());
     });
     ASSERT_TRUE(owner.WaitDone());
-
-    // The write lock outlives its thread until it is unlocked twice; the
-    // unlocks come from this thread since owners are not checked on unlock.
-    CProbe other([&] {
-        lock.rLock();
-        lock.rUnLock();
-    });
+    // The write lock outlives its thread until unlocked twice (owners are not checked on unlock).
+    CProbe other(ReadOnce(lock));
     EXPECT_TRUE(other.StaysBlocked());
     EXPECT_EQ(0, lock.wUnLock());
     EXPECT_TRUE(other.StaysBlocked());
@@ -169,7 +130,6 @@ TEST(CKvWORMLockTest, WriterHoldingAReadLockCannotReenter) {
     });
     ASSERT_TRUE(WaitFor([&] { return holdsBoth.load(); }));
     EXPECT_TRUE(writer.StaysBlocked());
-
     // Readers have no owner, so any thread may give the read lock back.
     EXPECT_EQ(0, lock.rUnLock());
     EXPECT_TRUE(writer.WaitDone());
@@ -179,34 +139,27 @@ TEST(CKvWORMLockTest, WriterHoldingAReadLockCannotReenter) {
 
 TEST(CKvWORMLockTest, UnbalancedUnlocksReportAndCarryOn) {
     CKvWORMLock lock;
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(0, lock.rUnLock());
-    std::string output = testing::internal::GetCapturedStdout();
+    // Runs `calls` and returns what they printed.
+    auto printed = [](const std::function<void()>& calls) {
+        testing::internal::CaptureStdout();
+        calls();
+        return testing::internal::GetCapturedStdout();
+    };
+    std::string output = printed([&] { EXPECT_EQ(0, lock.rUnLock()); });
     EXPECT_EQ(0u, output.find("\nFailure! File: ")) << output;
     EXPECT_NE(std::string::npos, output.find("CKvWORMLock.cpp, line: ")) << output;
     EXPECT_EQ('\n', output.back());
     EXPECT_EQ(-1, lock.GetReaderCount());
-
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(0, lock.wUnLock());
-    output = testing::internal::GetCapturedStdout();
+    output = printed([&] { EXPECT_EQ(0, lock.wUnLock()); });
     EXPECT_EQ(0u, output.find("\nFailure! File: ")) << output;
     EXPECT_EQ(-1, lock.GetWriterCount());
-
-    // Balanced calls print nothing.
     CKvWORMLock balanced;
-    testing::internal::CaptureStdout();
-    balanced.wLock();
-    balanced.rLock();
-    balanced.rUnLock();
-    balanced.wUnLock();
-    EXPECT_EQ("", testing::internal::GetCapturedStdout());
+    EXPECT_EQ("", printed([&] { balanced.wLock(); ReadOnce(balanced)(); balanced.wUnLock(); }));
 }
 
 TEST(CKvWORMLockTest, ProcessWideSectionSerialisesItsWriters) {
     CKvWORMLock_CS& section = CKvWORMLock_CS::ms_worm_cs;
-    constexpr int kThreads = 4;
-    constexpr int kRounds = 2000;
+    constexpr int kThreads = 4, kRounds = 2000;
     long counter = 0;  // plain on purpose: only the section protects it
     std::vector<std::unique_ptr<CProbe>> workers;
     for (int i = 0; i < kThreads; ++i) {
@@ -222,9 +175,7 @@ TEST(CKvWORMLockTest, ProcessWideSectionSerialisesItsWriters) {
         }));
     }
     for (auto& worker : workers) EXPECT_TRUE(worker->WaitDone());
-    section.rLock();
     EXPECT_EQ(long{kThreads} * kRounds, counter);
-    section.rUnLock();
     EXPECT_EQ(0, section.GetWriterCount());
     EXPECT_EQ(0, section.GetReaderCount());
 }
