@@ -533,7 +533,7 @@ kv_result CKvLiteVariantR::LevelEnd() {
     return KV_OK;
 }
 
-kv_result CKvLiteVariantR::FindStored(const SKvLvName& name, uint64_t& offset) {
+kv_result CKvLiteVariantR::FindStored(const SKvLvName& name, uint64_t& offset, SItem* found) {
     if (PrepareCurrent() != KV_OK) return KV_ERR_FAILED;
     SKvLvName stored;
     SItem item;
@@ -541,6 +541,7 @@ kv_result CKvLiteVariantR::FindStored(const SKvLvName& name, uint64_t& offset) {
     if (m_nCurrentOffset < limit && ParseName(m_nCurrentOffset, limit, stored) && CompareNames(stored, name) == 0 &&
         ParseItem(m_nCurrentOffset, limit, item)) {
         offset = m_nCurrentOffset;
+        if (found) *found = item;
         return KV_OK;
     }
     // Unnamed items are not looked up through the index: only by position.
@@ -557,6 +558,7 @@ kv_result CKvLiteVariantR::FindStored(const SKvLvName& name, uint64_t& offset) {
         if (order == 0) {
             if (!ParseItem(child, level.childrenEnd, item)) return KV_ERR_FAILED;
             offset = child;
+            if (found) *found = item;
             return KV_OK;
         }
         if (order < 0)
@@ -567,7 +569,9 @@ kv_result CKvLiteVariantR::FindStored(const SKvLvName& name, uint64_t& offset) {
     return KV_ERR_FAILED;
 }
 
-kv_result CKvLiteVariantR::Find(const wchar_t* name, uint64_t& offset) {
+kv_result CKvLiteVariantR::Find(const wchar_t* name, uint64_t& offset) { return Locate(name, offset, nullptr); }
+
+kv_result CKvLiteVariantR::Locate(const wchar_t* name, uint64_t& offset, SItem* found) {
     if (name && name[0] == L'\\') {
         return KvNoThrow([&]() -> kv_result {
             Reset();
@@ -577,12 +581,12 @@ kv_result CKvLiteVariantR::Find(const wchar_t* name, uint64_t& offset) {
                 if (LevelBegin(path.substr(begin, end - begin).c_str()) != KV_OK) return KV_ERR_FAILED;
                 begin = end + 1;
             }
-            return Find(path.c_str() + begin, offset);
+            return Locate(path.c_str() + begin, offset, found);
         });
     }
     SNameBuffer stored;
     EncodeName(name, stored);
-    return FindStored(stored.name, offset);
+    return FindStored(stored.name, offset, found);
 }
 
 bool CKvLiteVariantR::IsValueSet(const wchar_t* name) {
@@ -592,9 +596,7 @@ bool CKvLiteVariantR::IsValueSet(const wchar_t* name) {
 
 kv_result CKvLiteVariantR::FindItem(const wchar_t* name, SItem& item) {
     uint64_t offset = 0;
-    kv_result r = Find(name, offset);
-    if (r != KV_OK) return r;
-    return ParseItem(offset, Limit(), item) ? KV_OK : KV_ERR_FAILED;
+    return Locate(name, offset, &item);
 }
 
 kv_result CKvLiteVariantR::FindValue(uint8_t type, const wchar_t* name, SItem& item) {

@@ -295,7 +295,10 @@ private:
     bool ParseItem(uint64_t pos, uint64_t limit, SItem& item) const;
     bool ParseName(uint64_t pos, uint64_t limit, SKvLvName& name) const;
     bool ParseCurrent(SItem& item);
-    kv_result FindStored(const SKvLvName& name, uint64_t& offset);
+    // Finds a stored name in the current level; `found` (if given) receives
+    // the parsed item, so callers need not parse it again.
+    kv_result FindStored(const SKvLvName& name, uint64_t& offset, SItem* found = nullptr);
+    kv_result Locate(const wchar_t* name, uint64_t& offset, SItem* found);
     kv_result EnterLevelAt(uint64_t pos, uint32_t* count);
     // Find, then the item found, validated.
     kv_result FindItem(const wchar_t* name, SItem& item);
