@@ -1,5 +1,7 @@
 #include "gnr_system/CKvVariant.h"
 
+#include "gnr_system/KvTrace.h"
+
 #include <locale.h>
 #include <stdlib.h>
 
@@ -25,13 +27,6 @@ static_assert(sizeof(void*) <= sizeof(unsigned long long), "voidPtr text form");
 namespace {
 
 constexpr kv_result kStructureDiffers = 1;
-
-// Diagnostics are lines on standard output; the operation goes on afterwards.
-void PrintDiagnostic(const CKvStringA& text) {
-    std::fputs(text.GetString(), stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
-}
 
 CKvStringW Widen(const char* ascii, size_t length) {
     CKvStringW wide;
@@ -607,7 +602,7 @@ CKvVariant& CKvVariant::operator=(const CKvVariant& other) {
         CKvStringA message;
         message.Format("Error: can't do assignment from type: %s to: %s, type change not enabled!",
                        m_pData->GetRunType().GetName().GetString(), other.m_pData->GetRunType().GetName().GetString());
-        PrintDiagnostic(message);
+        KvPrintDiagnostic(message);
     }
     m_pData = other.m_pData->Clone();
     return *this;
@@ -715,7 +710,7 @@ void CKvVariant::MakeListForArrayOperation() {
     if (m_pData && !m_bTypeChange) {
         CKvStringA message;
         message.Format("Error: invalid variant type (%s) for array operation.", GetRunType().GetName().GetString());
-        PrintDiagnostic(message);
+        KvPrintDiagnostic(message);
     }
     if (list) {
         list->SetRunType(plain);
@@ -830,7 +825,7 @@ int CKvVariant::GetRunTypeIndex(const CKvVariantRunType& runType, bool report) {
     if (index >= 0 || !report) return index;
     CKvStringA message;
     message.Format("Error: CKvVariant::GetRunTypeIndex(), can't find: '%s' runtype!", runType.GetName().GetString());
-    PrintDiagnostic(message);
+    KvPrintDiagnostic(message);
     return 0;
 }
 
@@ -838,7 +833,7 @@ const CKvVariant& CKvVariant::GetRunTypeSample(const CKvVariantRunType& runType)
     if (const CKvVariant* sample = RunTypeRegistry::Instance().FindSample(runType)) return *sample;
     CKvStringA message;
     message.Format("Error: CKvVariant::GetRunTypeSample(), can't find: '%s' runtype!", runType.GetName().GetString());
-    PrintDiagnostic(message);
+    KvPrintDiagnostic(message);
     return SharedNullVariant();
 }
 

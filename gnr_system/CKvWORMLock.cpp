@@ -3,21 +3,14 @@
 #include <cassert>
 #include <cstdio>
 
+#include "gnr_system/KvTrace.h"
+
 pthread_mutex_t CKvWORMLock::CKvMonitor::ms_Mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t CKvWORMLock::CKvMonitor::ms_Cond = PTHREAD_COND_INITIALIZER;
 
 CKvWORMLock_CS CKvWORMLock_CS::ms_worm_cs;
 
-#define KV_WIDEN_LITERAL(text) L##text
-#define KV_WIDE(text) KV_WIDEN_LITERAL(text)
-
 namespace {
-
-// Reports an unlock without a matching lock; the caller carries on.
-void PrintUnbalancedUnlock(const wchar_t* file, int line) {
-    printf("\nFailure! File: %ls, line: %d\n", file, line);
-    fflush(stdout);
-}
 
 // Holds the shared monitor's mutex for one scope.
 class CMonitorGuard {
@@ -56,7 +49,7 @@ int32_t CKvWORMLock::rLock() const {
 
 int32_t CKvWORMLock::rUnLock() const {
     CMonitorGuard guard;
-    if (--m_nReaders < 0) PrintUnbalancedUnlock(KV_WIDE(__FILE__), __LINE__);
+    if (--m_nReaders < 0) KV_TRACE_FAILURE();
     guard.WakeAll();
     return 0;
 }
@@ -75,7 +68,7 @@ int32_t CKvWORMLock::wLock() {
 int32_t CKvWORMLock::wUnLock() {
     CMonitorGuard guard;
     --m_nWriters;
-    if (m_nWriters < 0) PrintUnbalancedUnlock(KV_WIDE(__FILE__), __LINE__);
+    if (m_nWriters < 0) KV_TRACE_FAILURE();
     if (m_nWriters == 0) {
         m_Owner = 0;
         guard.WakeAll();
