@@ -12,11 +12,18 @@ void BeginStruct(CKvVariant& node, const char* runType) {
 }
 
 namespace {
+// Adds to the list itself: CKvVariant::Append would turn a structured list
+// into a plain one first.
 template <typename Value>
 CKvVariant* Append(CKvVariant& node, const wchar_t* key, const Value& value) {
     CKvVariant* added = nullptr;
     KvNoThrow([&] {
-        added = node.Append(CKvVariant(value, CKvStringW(key)));
+        CKvVariantData* data = node.GetData();
+        if (data && data->IsArray()) {
+            added = &static_cast<CKvVariantDataCKvListVariant*>(data)->Value().Add(CKvVariant(value, CKvStringW(key)));
+        } else {
+            added = node.Append(CKvVariant(value, CKvStringW(key)));
+        }
         return KV_OK;
     });
     return added;

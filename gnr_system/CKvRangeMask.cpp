@@ -14,7 +14,8 @@ kv_result CKvRangeMask::AddRange(uint32_t first, uint32_t last) {
     if (last < first) return KV_OK;
     return KvNoThrow([&] {
         std::vector<uint32_t> merged;
-        merged.reserve(m_aIndices.size() + (last - first) + 1);
+        // In size_t: the range of every index has one more element than uint32_t counts.
+        merged.reserve(m_aIndices.size() + static_cast<size_t>(last - first) + 1);
         auto old = m_aIndices.begin();
         for (; old != m_aIndices.end() && *old < first; ++old) merged.push_back(*old);
         for (uint64_t i = first; i <= last; ++i) merged.push_back(static_cast<uint32_t>(i));

@@ -81,8 +81,15 @@ void AppendAscii(Text& out, const char* ascii) {
     for (; *ascii; ++ascii) out += static_cast<typename Text::char_type>(*ascii);
 }
 
-void AppendName(CKvStringW& out, const CKvStringW& name) { out += name; }
-void AppendName(CKvStringA& out, const CKvStringW& name) { out += CKvStringUtils::WtoUTF8(name.c_str(), name.Size()); }
+// Names given to a variant are valid element names already; only a node that
+// was never named has an empty one, written as ValidateName would make it so
+// that the document stays well-formed.
+const wchar_t kUnnamedElement[] = L"no_name";
+void AppendName(CKvStringW& out, const CKvStringW& name) { out += name.IsEmpty() ? kUnnamedElement : name.c_str(); }
+void AppendName(CKvStringA& out, const CKvStringW& name) {
+    if (name.IsEmpty()) out += "no_name";
+    else out += CKvStringUtils::WtoUTF8(name.c_str(), name.Size());
+}
 void AppendRunType(CKvStringW& out, const CKvVariantRunType& rt) { out += CKvStringW(rt.GetName()); }
 void AppendRunType(CKvStringA& out, const CKvVariantRunType& rt) { out += rt.GetName(); }
 
