@@ -116,7 +116,9 @@ public:
     bool GetMeanWavelength(double& mean) const;
 
     // The curve sampled every kOFTabStep nanometres over GetWavelenghtRangeExact
-    // (both ends included); the Ex forms over low..high by `step` (> 0).
+    // (both ends included: the high end is a sample of its own when the steps
+    // miss it); the Ex forms over low..high by `step` (> 0). A line counts at
+    // the samples within half a step of it.
     // GetTabbedCurve fills at most `count` pairs and answers how many it wrote
     // (0 when there is nothing to sample or an argument is unusable).
     uint32_t GetTabbedPointCount() const;
@@ -135,9 +137,13 @@ public:
     bool GetsRGBColor(uint32_t& colour) const;
 
     // The spectrum of this one and `other` in series: at every wavelength
-    // where either has a point, the product of both curves (eSptCurve points,
-    // points with value 0 dropped at the ends). Two line spectra give the lines
-    // they share. -3 out of memory.
+    // where either has a point, the product of both curves (eSptCurve points;
+    // where a curve steps there, two points at that wavelength keep the step).
+    // Points with value 0 are dropped at the ends but for the one next to the
+    // band, which keeps its flank. When both curves are open towards one end,
+    // the result's point there is the matching edge. A line spectrum gives its
+    // lines weakened by the other curve there (two line spectra the lines they
+    // share), discrete. `result` may be this or `other`. -3 out of memory.
     kv_result Combine(const CKvOpticalFilterSpectrum& other, CKvOpticalFilterSpectrum& result) const;
 
     // Tree: run type "RKvOpticalFilterSpectrum", "uiCount", "pPoint" (a plain
