@@ -29,6 +29,12 @@ constexpr uint64_t kModalityKindField = 0x7E00000;  // at most one of spectral .
 // Representation of a plane set that holds a high-dynamic-range picture.
 constexpr uint32_t kRepresentationHDR = 2;
 
+// Flags of SKvPicturePlanes::GetPlaneColors.
+constexpr uint32_t kPlaneColorsFromProbe = 0x1;  // without a lut: the probe's colour where the plane has a valid probe
+constexpr uint32_t kPlaneColorsWhiteTD = 0x2;    // transmitted-light planes (IsTD) white, whatever else says
+// Flags of SKvPicturePlanes::ExtractPlanes.
+constexpr uint32_t kExtractPlanesWhite = 0x1;    // extracted planes get colour 0xFFFFFF (shown grey)
+
 // One plane of a picture.
 struct SKvPicturePlaneDesc {
     // The old enumeration of modalities, still written beside the mask.
@@ -125,8 +131,10 @@ struct SKvPicturePlanes {
     uint32_t eRepresentation = 0;             // 0 normal, kRepresentationHDR
 
     // ---- Memory. Alloc replaces the content by `planeCount` default
-    // descriptors and `sampleCount` zeroed setting slots (-3 out of memory,
-    // the set then empty). Free empties the set. Copy deep-copies (-3).
+    // descriptors and `sampleCount` zeroed setting slots, with uiCompCount 0
+    // (-3 out of memory, the set then empty). Free releases both arrays and
+    // zeroes the three counts; description and representation stay. Copy
+    // deep-copies (-3, `dst` unchanged).
     static kv_result Alloc(SKvPicturePlanes& planes, uint32_t planeCount, uint32_t sampleCount);
     static void Free(SKvPicturePlanes& planes);
     static kv_result Copy(SKvPicturePlanes& dst, const SKvPicturePlanes& src);
@@ -147,31 +155,57 @@ struct SKvPicturePlanes {
     static bool IsEqual(const SKvPicturePlanes& a, const SKvPicturePlanes& b);
     static bool IsPlaneEqual(const SKvPicturePlanes& a, uint32_t indexA, const SKvPicturePlanes& b, uint32_t indexB);
 
-    // Planes that are not brightfield, counting only those `mask` selects when given.
+    // Planes that are not brightfield, counting only those `mask` selects when
+    // given. A channel is a plane here, so both answer the same.
     static uint32_t GetNonTransmittedPlanesCount(const SKvPicturePlanes& planes, const CKvRangeMask* mask = nullptr);
     static uint32_t GetNonTransmittedChannelCount(const SKvPicturePlanes& planes, const CKvRangeMask* mask = nullptr);
     // One colour per plane `mask` selects (all planes without a mask), in
-    // plane order, into `colours` (room for the plane count). Answers how
-    // many were written. Rules of `flag` and `lut` in the source.
+    // plane order, into `colours` (room for the plane count); answers how many
+    // were written (0 for null `colours`). A plane's colour is lut[plane index]
+    // when `lut` (plane-count long) is given, else its uiColor, or its probe's
+    // colour with kPlaneColorsFromProbe; kPlaneColorsWhiteTD then whitens
+    // transmitted-light planes. Colours are cut to 24 bits.
     static uint32_t GetPlaneColors(const SKvPicturePlanes& planes, uint32_t* colours, const CKvRangeMask* mask,
                                    uint32_t flag, const uint32_t* lut);
-    // The components of the planes `mask` selects.
+    // The components of the planes `mask` selects (indices past the planes ignored).
     static uint32_t MaskedSampleCount(const SKvPicturePlanes& planes, const CKvRangeMask& mask);
 
+    // One plane (fluorescence, white, "Mono" / brightfield RGB "Brightfield"),
+    // representation 0, one settings slot, no set description. -3.
     static kv_result MakeMono(SKvPicturePlanes& planes);
     static kv_result MakeRGB(SKvPicturePlanes& planes);
-    // Makes `planes` describe a pixel of `componentCount` components (rules in the source).
+    // Makes `planes` describe a pixel of `componentCount` components, as a
+    // file is opened. Planes whose component counts (none 0) add up to it are
+    // kept; as many planes as components become one component each, keeping
+    // the rest of their description (an invalid mask repaired). Otherwise the
+    // set is rebuilt: empty for 0, MakeMono for 1, MakeRGB for 3, else one
+    // fluorescence plane per component, "Channel 1", "Channel 2", ... in red,
+    // green, blue, cyan, magenta, yellow (repeating), or above 1024 components
+    // (a damaged count) a single plane "Channels" holding them all. Kept
+    // planes get sample indices that follow each other, uiCompCount set, and
+    // settings slots up to the last sample index. -3 out of memory.
     static kv_result MakeCompatible(SKvPicturePlanes& planes, uint32_t componentCount);
-    // Appends the planes of `src` (those `mask` selects) to `dst`.
+    // Appends copies of the planes of `src` (those `mask` selects; indices
+    // past its planes ignored) to `dst`. The result's sample indices follow
+    // each other, uiCompCount is the sum of all components, each plane keeps
+    // the settings slot it had (a zeroed slot when it had none), and the
+    // description and representation stay those of `dst` (of `src` when
+    // `dst` was empty). `dst` may be `src`. -3 out of memory, -4 when the
+    // components would not fit 32 bits (`dst` unchanged either way).
     static kv_result MergePlanes(SKvPicturePlanes& dst, const SKvPicturePlanes& src);
     static kv_result MergePlanes(SKvPicturePlanes& dst, const SKvPicturePlanes& src, const CKvRangeMask& mask);
-    // `dst` becomes the planes of `src` that `mask` selects (rules of `flag` in the source).
+    // `dst` becomes copies of the planes of `src` that `mask` selects,
+    // renumbered and with slots as in MergePlanes, and the description and
+    // representation of `src`; an empty selection empties it. With
+    // kExtractPlanesWhite in `flag` the extracted planes get colour 0xFFFFFF.
     static kv_result ExtractPlanes(SKvPicturePlanes& dst, const SKvPicturePlanes& src, const CKvRangeMask& mask,
                                    uint32_t flag);
 
     // ---- Serialisation: tree under run type "RKvPicturePlanes" with both
     // plane layouts, and the lite form inside the level the caller opened or
-    // entered.
+    // entered. Loading leaves the planes empty (result 0) when the stored
+    // plane count disagrees with the stored list, and brings back no sample
+    // settings (MakeCompatible gives them again).
     static kv_result SaveToVariant(CKvVariant& node, const SKvPicturePlanes& planes);
     static kv_result LoadFromVariant(SKvPicturePlanes& planes, const CKvVariant& node);
     static kv_result SaveToLiteVariant(CKvLiteVariantW& writer, const SKvPicturePlanes& planes);
