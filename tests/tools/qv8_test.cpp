@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "fileformat/CKvFileChunker.h"
+#include "gnr_metaformats/PictureMetadata.h"
 #include "gnr_system/CKvLiteVariant.h"
 #include "tests/TestSupport.h"
 
@@ -192,4 +193,41 @@ TEST_F(Qv8ToolTest, XmlShowsMetadataChunks) {
     run = Run({"xml", path, "Junk"});
     EXPECT_EQ(run.status, 1);
     EXPECT_NE(run.err.find("qv8: " + path + ": chunk \"Junk!\""), std::string::npos) << run.err;
+}
+
+// `meta` decodes the first picture-metadata chunk (by frame number, not by
+// name order) or the one named, as text or JSON.
+TEST_F(Qv8ToolTest, MetaShowsPictureMetadata) {
+    const std::string path = Path("p.qv8");
+    {
+        CKvFileChunker chunker;
+        CKvStringA version("Ver3.0");
+        ASSERT_EQ(chunker.Initialize_File(CKvStringUtils::UTF8toW(path.c_str()).c_str(), false, false, version), KV_OK);
+        for (uint32_t frame : {10u, 2u}) {
+            SKvPictureMetadata meta;
+            meta.dTimeAbsolute = 1000.0 * frame;
+            SKvPicturePlanes::MakeRGB(meta.sPicturePlanes);
+            meta.sPicturePlanes.pPlanes[0].sDescription = frame == 2 ? L"Cells \"A\"" : L"Other";
+            CKvLiteVariantW writer;
+            ASSERT_EQ(SKvPictureMetadata::SaveToLiteVariant(writer, meta), KV_OK);
+            CKvLiteVariantR encoded;
+            ASSERT_EQ(writer.Finalize(encoded, 1), KV_OK);
+            ASSERT_EQ(chunker.SetChunk(encoded, ("ImageMetadataSeqLV|" + std::to_string(frame)).c_str()), KV_OK);
+        }
+        ASSERT_EQ(chunker.Finalize(), KV_OK);
+    }
+    ToolRun run = Run({"meta", path});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out.rfind("chunk: ImageMetadataSeqLV|2!\ntime: absolute 2000 ms", 0), 0u) << run.out;
+    EXPECT_NE(run.out.find("planes: 1 (3 components)\n  0: \"Cells \"A\"\", 3 component(s) from 0, brightfield"),
+              std::string::npos) << run.out;
+    run = Run({"meta", "--json", path, "ImageMetadataSeqLV|10"});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out.rfind("{\"chunk\":\"ImageMetadataSeqLV|10!\",\"timeAbsolute\":10000,", 0), 0u) << run.out;
+    EXPECT_NE(run.out.find("\"planes\":[{\"name\":\"Other\",\"components\":3,"), std::string::npos) << run.out;
+    const std::string other = WriteContainer("c.qv8", "x");
+    run = Run({"meta", other});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_NE(run.err.find("no picture-metadata chunk"), std::string::npos) << run.err;
+    EXPECT_EQ(Run({"meta"}).status, 2);
 }

@@ -30,6 +30,7 @@ extern const SQv8Command kChunksCommand;
 extern const SQv8Command kCatCommand;
 extern const SQv8Command kRepairCommand;
 extern const SQv8Command kXmlCommand;
+extern const SQv8Command kMetaCommand;
 
 // Prints "qv8: SUBJECT: WHAT (CODE)" on standard error; answers kExitFailure.
 int ReportFailure(const std::string& subject, const std::string& what, kv_result code);

@@ -14,6 +14,7 @@ const SQv8Command* const kCommands[] = {
     &kCatCommand,
     &kRepairCommand,
     &kXmlCommand,
+    &kMetaCommand,
 };
 
 const SQv8Command* FindCommand(std::string_view name) {
