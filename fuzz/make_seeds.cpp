@@ -1,6 +1,6 @@
 // Writes seed inputs for the fuzz targets with the library's own writers:
 // make_seeds DIR creates DIR/chunker/ with small containers, finished,
-// unfinished and damaged.
+// unfinished and damaged, and DIR/record/ and DIR/picturemeta/ with metadata.
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -8,6 +8,9 @@
 #include <vector>
 
 #include "fileformat/CKvFileChunker.h"
+#include "gnr_metaformats/ExperimentRecord.h"
+#include "gnr_metaformats/PictureMetadata.h"
+#include "gnr_system/CKvSerializerXMLString.h"
 
 namespace {
 
@@ -34,6 +37,79 @@ CKvByteArray MakeContainer(bool finish) {
     chunker.SetChunk(nullptr, 0, "Empty");
     if (finish) chunker.Finalize();
     return storage;
+}
+
+// Seeds for "record": an event log, and recorded data and a device setup in
+// one level, as the experiment stores them.
+bool SaveLite(const std::string& path, CKvLiteVariantW& writer) {
+    CKvLiteVariantR out;
+    return writer.Finalize(out, 0) == KV_OK && Save(path, out.GetData(), out.GetSize());
+}
+
+bool WriteRecordSeeds(const std::string& root) {
+    const std::string dir = root + "/record";
+    mkdir(dir.c_str(), 0755);
+    SKvExperimentRecord record;
+    SKvExperimentEvent event;
+    SKvExperimentEvent::Init(event, 5.0, SKvExperimentEvent::eMeaningUserMark, L"mark", nullptr, 0);
+    SKvExperimentRecord::AddEvent(record, event);
+    SKvExperimentEvent::Init(event, 1.0, SKvExperimentEvent::eMeaningStimulation, L"light", L"488 nm", 0);
+    event.dTime2 = 1.5;
+    SKvExperimentEvent::SetStimulation(event, SKvExperimentEvent::SKvStimulationDescription::eStimulationLight, 20, 200);
+    SKvExperimentRecord::AddEvent(record, event);
+    SKvExperimentEvent::InitInteractiveFinish(event, 9.0, 0);
+    SKvExperimentRecord::AddEvent(record, event);
+    CKvLiteVariantW events;
+    bool ok = SKvExperimentRecord::SaveToLiteVariant(events, record) == KV_OK && SaveLite(dir + "/events", events);
+
+    SKvRecordedData recorded;
+    recorded.eRecordAngIn = SKvRecordedData::eRecordContinuous;
+    recorded.aGroups[SKvRecordedData::eGroupAngIn] = {{L"ai0", L"Input 0", true}, {L"ai1", L"Input 1", false}};
+    SKvExperimentNI ni;
+    ni.aInputs.resize(2);
+    ni.aOutputs.resize(1);
+    ni.aOutputs[0].BASettingsIncub = CKvByteArray("abc", 3);
+    CKvLiteVariantW setup;
+    ok = setup.LevelBegin(L"pExperiment") == KV_OK && SKvRecordedData::SaveToLiteVariant(setup, recorded) == KV_OK &&
+         SKvExperimentNI::SaveToLiteVariant(setup, ni) == KV_OK && SaveLite(dir + "/setup", setup) && ok;
+    return ok;
+}
+
+// Seeds for "picturemeta": one record with two planes, a probe and a filter
+// path, as lite-variant bytes (first byte 0) and as an XML document (first byte 1).
+bool WritePictureMetaSeeds(const std::string& root) {
+    const std::string dir = root + "/picturemeta";
+    mkdir(dir.c_str(), 0755);
+    SKvPictureMetadata meta;
+    meta.uiCol = 4;
+    meta.wsObjectiveName = L"20x";
+    if (SKvPicturePlanes::Alloc(meta.sPicturePlanes, 2, 0) != KV_OK) return false;
+    meta.sPicturePlanes.uiCompCount = 2;
+    SKvPicturePlaneDesc& plane = meta.sPicturePlanes.pPlanes[1];
+    plane.uiSampleIndex = 1;
+    plane.pFluorescentProbe = CKvFluorescentProbe(L"GFP", 0x00FF00);
+    plane.pFluorescentProbe.GetEmissionSpectrum() = CKvOpticalFilterSpectrum(510.0, SKvOFSpectrumPoint::eSptPeak);
+    CKvOpticalFilter filter;
+    filter.GetEmissionSpectrum().AddPoint({SKvOFSpectrumPoint::eSptRisingEdge, 500.0, 0.9});
+    filter.GetEmissionSpectrum().AddPoint({SKvOFSpectrumPoint::eSptFallingEdge, 550.0, 0.9});
+    plane.pFilterPath = CKvOpticalFilterPath(filter, filter);
+    const SKvPhysicalVariable variable{L"Gain", 1, 2.0};
+    SKvPictureMetadata::SetPhysicalVariables(meta, &variable, 1);
+
+    CKvLiteVariantW writer;
+    CKvLiteVariantR lite;
+    if (SKvPictureMetadata::SaveToLiteVariant(writer, meta) != KV_OK || writer.Finalize(lite, 0) != KV_OK) return false;
+    std::string bytes(1, '\0');
+    bytes.append(reinterpret_cast<const char*>(lite.GetData()), lite.GetSize());
+    CKvVariant tree;
+    CKvStringA xml;
+    if (SKvPictureMetadata::SaveToVariant(tree, meta) != KV_OK ||
+        CKvSerializerXMLString::DocumentToXML_UTF8(xml, tree) != KV_OK) {
+        return false;
+    }
+    const std::string document = "\x01" + xml.Std();
+    return Save(dir + "/lite", reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()) &&
+           Save(dir + "/xml", reinterpret_cast<const uint8_t*>(document.data()), document.size());
 }
 
 }  // namespace
@@ -64,5 +140,7 @@ int main(int argc, char** argv) {
               Save(dir + "/empty", empty.GetData(), empty.GetSize()) &&
               Save(dir + "/damaged", damaged.GetData(), damaged.GetSize()) &&
               Save(dir + "/truncated", finished.GetData(), finished.GetSize() - 100);
+    ok = WriteRecordSeeds(argv[1]) && ok;
+    ok = WritePictureMetaSeeds(argv[1]) && ok;
     return ok ? 0 : 1;
 }
