@@ -32,16 +32,6 @@ void ApplyPinholeRadius(SKvPicturePlanes& planes, double radius) {
     for (uint32_t i = 0; i < planes.uiCount; ++i) planes.pPlanes[i].dPinholeDiameter = 2.0 * radius;
 }
 
-void SwapPlanes(SKvPicturePlanes& a, SKvPicturePlanes& b) noexcept {
-    std::swap(a.uiCount, b.uiCount);
-    std::swap(a.uiCompCount, b.uiCompCount);
-    std::swap(a.pPlanes, b.pPlanes);
-    std::swap(a.uiSampleCount, b.uiSampleCount);
-    std::swap(a.pSampleSettings, b.pSampleSettings);
-    a.sDescription.Std().swap(b.sDescription.Std());
-    std::swap(a.eRepresentation, b.eRepresentation);
-}
-
 // Everything but the planes and the physical variables, which own memory.
 void CopyPlainFields(SKvPictureMetadata& dst, const SKvPictureMetadata& src) {
     dst.dTimeAbsolute = src.dTimeAbsolute;
@@ -309,7 +299,7 @@ void swap(SKvPictureMetadata& a, SKvPictureMetadata& b) noexcept {
     swap(a.dZPos, b.dZPos);
     swap(a.bZPosAbsolute, b.bZPosAbsolute);
     swap(a.dAngle, b.dAngle);
-    SwapPlanes(a.sPicturePlanes, b.sPicturePlanes);
+    SKvPicturePlanes::Swap(a.sPicturePlanes, b.sPicturePlanes);
     swap(a.dTemperK, b.dTemperK);
     swap(a.dCalibration, b.dCalibration);
     swap(a.dAspect, b.dAspect);

@@ -53,16 +53,6 @@ uint8_t* AllocSettings(uint32_t count) {
     return count ? static_cast<uint8_t*>(std::calloc(count, 1)) : nullptr;
 }
 
-void SwapContent(SKvPicturePlanes& a, SKvPicturePlanes& b) noexcept {
-    std::swap(a.uiCount, b.uiCount);
-    std::swap(a.uiCompCount, b.uiCompCount);
-    std::swap(a.pPlanes, b.pPlanes);
-    std::swap(a.uiSampleCount, b.uiSampleCount);
-    std::swap(a.pSampleSettings, b.pSampleSettings);
-    a.sDescription.Std().swap(b.sDescription.Std());
-    std::swap(a.eRepresentation, b.eRepresentation);
-}
-
 bool IsSelected(const CKvRangeMask* mask, uint32_t index) { return !mask || mask->IsSet(index); }
 
 void RepairMask(SKvPicturePlaneDesc& desc) {
@@ -274,7 +264,7 @@ kv_result MakeFluorescenceChannels(SKvPicturePlanes& planes, uint32_t componentC
     });
     if (result != KV_OK) return result;
     built.uiCompCount = componentCount;
-    SwapContent(planes, built);
+    SKvPicturePlanes::Swap(planes, built);
     return KV_OK;
 }
 
@@ -288,7 +278,7 @@ kv_result MakeSinglePlane(SKvPicturePlanes& planes, uint32_t components, uint64_
     plane.uiColor = kWhite;
     plane.sDescription = name;
     built.uiCompCount = components;
-    SwapContent(planes, built);
+    SKvPicturePlanes::Swap(planes, built);
     return KV_OK;
 }
 
@@ -601,7 +591,7 @@ kv_result SKvPicturePlanes::Copy(SKvPicturePlanes& dst, const SKvPicturePlanes& 
     if (src.uiSampleCount) std::memcpy(copy.pSampleSettings, src.pSampleSettings, src.uiSampleCount);
     copy.uiCompCount = src.uiCompCount;
     copy.eRepresentation = src.eRepresentation;
-    SwapContent(dst, copy);
+    SKvPicturePlanes::Swap(dst, copy);
     return KV_OK;
 }
 
@@ -776,7 +766,7 @@ kv_result SKvPicturePlanes::MergePlanes(SKvPicturePlanes& dst, const SKvPictureP
         return built;
     });
     if (result != KV_OK) return result;
-    SwapContent(dst, merged);
+    SKvPicturePlanes::Swap(dst, merged);
     return KV_OK;
 }
 
@@ -801,7 +791,7 @@ kv_result SKvPicturePlanes::ExtractPlanes(SKvPicturePlanes& dst, const SKvPictur
     if (flag & kExtractPlanesWhite) {
         for (uint32_t i = 0; i < extracted.uiCount; ++i) extracted.pPlanes[i].uiColor = kWhite;
     }
-    SwapContent(dst, extracted);
+    SKvPicturePlanes::Swap(dst, extracted);
     return KV_OK;
 }
 
@@ -874,7 +864,7 @@ kv_result SKvPicturePlanes::LoadFromVariant(SKvPicturePlanes& planes, const CKvV
     loaded.eRepresentation = planes.eRepresentation;
     KvMeta::Get(node, L"sDescription", loaded.sDescription);
     KvMeta::Get(node, L"eRepresentation", loaded.eRepresentation);
-    SwapContent(planes, loaded);
+    SKvPicturePlanes::Swap(planes, loaded);
     return KV_OK;
 }
 
@@ -940,4 +930,14 @@ kv_result SKvPicturePlanes::LoadFromLiteVariant(SKvPicturePlanes& planes, CKvLit
     KvMeta::LvGet(reader, L"sDescription", planes.sDescription);
     planes.eRepresentation = reader.Get(L"eRepresentation", planes.eRepresentation);
     return KV_OK;
+}
+
+void SKvPicturePlanes::Swap(SKvPicturePlanes& a, SKvPicturePlanes& b) noexcept {
+    std::swap(a.uiCount, b.uiCount);
+    std::swap(a.uiCompCount, b.uiCompCount);
+    std::swap(a.pPlanes, b.pPlanes);
+    std::swap(a.uiSampleCount, b.uiSampleCount);
+    std::swap(a.pSampleSettings, b.pSampleSettings);
+    a.sDescription.Std().swap(b.sDescription.Std());
+    std::swap(a.eRepresentation, b.eRepresentation);
 }

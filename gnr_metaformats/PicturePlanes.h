@@ -138,6 +138,8 @@ struct SKvPicturePlanes {
     static kv_result Alloc(SKvPicturePlanes& planes, uint32_t planeCount, uint32_t sampleCount);
     static void Free(SKvPicturePlanes& planes);
     static kv_result Copy(SKvPicturePlanes& dst, const SKvPicturePlanes& src);
+    // Exchanges the whole content of two sets; never fails.
+    static void Swap(SKvPicturePlanes& a, SKvPicturePlanes& b) noexcept;
 
     // The settings slot of plane `index`: null when the index is not below
     // the plane count or the plane's sample index is not below the sample count.
