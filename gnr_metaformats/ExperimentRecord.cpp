@@ -74,49 +74,10 @@ kv_result EndMembers(CKvVariant& node, const char* runType, kv_result result) {
 
 // ---- Field visitors: one list of keys per structure serves all four forms.
 
-struct SLiteSaver {
-    CKvLiteVariantW& writer;
-    SResult result;
-    template <typename T>
-    void operator()(const wchar_t* key, const T& value) {
-        if (result.value == KV_OK) result(writer.Set(value, key));
-    }
-};
-
-struct SLiteLoader {
-    CKvLiteVariantR& reader;
-    template <typename T>
-    void operator()(const wchar_t* key, T& value) {
-        KvMeta::LvGet(reader, key, value);
-    }
-    void operator()(const wchar_t* key, CKvByteArray& value) {
-        CKvByteArray read;
-        if (reader.Get(key, read) == KV_OK) value = std::move(read);
-    }
-};
-
-struct STreeSaver {
-    CKvVariant& node;
-    SResult result;
-    template <typename T>
-    void operator()(const wchar_t* key, const T& value) {
-        if (result.value == KV_OK && !KvMeta::Put(node, key, value)) result(KV_ERR_OUT_OF_MEMORY);
-    }
-};
-
-struct STreeLoader {
-    const CKvVariant& node;
-    template <typename T>
-    void operator()(const wchar_t* key, T& value) {
-        KvMeta::Get(node, key, value);
-    }
-    void operator()(const wchar_t* key, CKvByteArray& value) {
-        const CKvVariant* member = KvMeta::Find(node, key);
-        if (member && member->GetRunType() == CKvVariantRunType(CKvVariantDataCKvByteArray::m_runType)) {
-            value = member->GetCKvByteArray();
-        }
-    }
-};
+using SLiteSaver = KvMeta::CLiteSaver;
+using SLiteLoader = KvMeta::CLiteLoader;
+using STreeSaver = KvMeta::CTreeSaver;
+using STreeLoader = KvMeta::CTreeLoader;
 
 template <typename Self, typename Visitor>
 void VisitStimulation(Self& s, Visitor&& v, bool lite) {
@@ -235,7 +196,7 @@ kv_result SaveLiteEntries(CKvLiteVariantW& writer, const wchar_t* vectorKey, con
             if (result.value != KV_OK) break;
             SLiteSaver saver{writer, {}};
             visit(entries[i], saver);
-            result(saver.result.value);
+            result(saver.result);
             result(one.Close());
         }
         result(list.Close());
@@ -281,7 +242,7 @@ kv_result SaveTreeEntries(CKvVariant& node, const wchar_t* vectorKey, const wcha
         BeginMembers(element);
         STreeSaver saver{element, {}};
         visit(entries[i], saver);
-        if (EndMembers(element, runType, saver.result.value) != KV_OK) return saver.result.value;
+        if (EndMembers(element, runType, saver.result) != KV_OK) return saver.result;
         if (!list->Append(element)) return KV_ERR_OUT_OF_MEMORY;
     }
     return KV_OK;
@@ -365,7 +326,7 @@ void ReserveOneMore(std::vector<Event>& events) {
 kv_result Stimulation::SaveToLiteVariant(CKvLiteVariantW& writer, const SKvStimulationDescription& stim) {
     SLiteSaver saver{writer, {}};
     VisitStimulation(stim, saver, true);
-    return saver.result.value;
+    return saver.result;
 }
 
 kv_result Stimulation::LoadFromLiteVariant(SKvStimulationDescription& stim, CKvLiteVariantR& reader) {
@@ -378,7 +339,7 @@ kv_result Stimulation::SaveToVariant(CKvVariant& node, const SKvStimulationDescr
         BeginMembers(node);
         STreeSaver saver{node, {}};
         VisitStimulation(stim, saver, false);
-        return EndMembers(node, kRunTypeStimulation, saver.result.value);
+        return EndMembers(node, kRunTypeStimulation, saver.result);
     });
 }
 
@@ -785,7 +746,7 @@ bool SKvRecordedData::operator==(const SKvRecordedData& other) const {
 kv_result SKvRecordedData::SaveToLiteVariant(CKvLiteVariantW& writer, const SKvRecordedData& data) {
     SLiteSaver saver{writer, {}};
     VisitRecordedScalars(data, saver);
-    SResult result = saver.result;
+    SResult result{saver.result};
     for (uint32_t g = 0; g < eGroupCount && result.value == KV_OK; ++g) {
         result(SaveLiteEntries(writer, kRecordedGroups[g].vector, kRecordedGroups[g].list, data.aGroups[g],
                                SVisitRecordedDesc{}));
@@ -809,7 +770,7 @@ kv_result SKvRecordedData::SaveToVariant(CKvVariant& node, const SKvRecordedData
         BeginMembers(node);
         STreeSaver saver{node, {}};
         VisitRecordedScalars(data, saver);
-        SResult result = saver.result;
+        SResult result{saver.result};
         for (uint32_t g = 0; g < eGroupCount && result.value == KV_OK; ++g) {
             result(SaveTreeEntries(node, kRecordedGroups[g].vector, kRecordedGroups[g].list, kRunTypeRecordedDataDesc,
                                    data.aGroups[g], SVisitRecordedDesc{}));
@@ -889,7 +850,7 @@ void RegisterEntrySample(const char* runType, Visit visit) {
     const Entry entry;
     STreeSaver saver{sample, {}};
     visit(entry, saver);
-    if (EndMembers(sample, runType, saver.result.value) == KV_OK) KvMeta::RegisterSample(runType, sample);
+    if (EndMembers(sample, runType, saver.result) == KV_OK) KvMeta::RegisterSample(runType, sample);
 }
 
 template <typename Struct, typename Save>

@@ -104,6 +104,15 @@ bool Get(const CKvVariant& node, const wchar_t* key, CKvStringW& value) {
            }) == KV_OK;
 }
 
+bool Get(const CKvVariant& node, const wchar_t* key, CKvByteArray& value) {
+    const CKvVariant* member = Find(node, key);
+    if (!member || member->GetRunType() != CKvVariantRunType(CKvVariantDataCKvByteArray::m_runType)) return false;
+    return KvNoThrow([&] {
+               value = member->GetCKvByteArray();
+               return KV_OK;
+           }) == KV_OK;
+}
+
 const CKvVariant* ElementByNameOrPosition(const CKvVariant& list, const wchar_t* name, int position) {
     if (list.GetCount() <= 0) return nullptr;
     if (const CKvVariant* named = list.SearchFixedOneLevel(name)) return named;
@@ -139,6 +148,14 @@ void LvGet(CKvLiteVariantR& reader, const wchar_t* key, CKvStringW& value) {
     KvNoThrow([&] {
         CKvStringW read;
         if (reader.GetCKvStringW(read, key) == KV_OK) value = std::move(read);
+        return KV_OK;
+    });
+}
+
+void LvGet(CKvLiteVariantR& reader, const wchar_t* key, CKvByteArray& value) {
+    KvNoThrow([&] {
+        CKvByteArray read;
+        if (reader.Get(key, read) == KV_OK) value = std::move(read);
         return KV_OK;
     });
 }

@@ -50,6 +50,8 @@ bool Get(const CKvVariant& node, const wchar_t* key, uint32_t& value);
 bool Get(const CKvVariant& node, const wchar_t* key, uint64_t& value);
 bool Get(const CKvVariant& node, const wchar_t* key, double& value);
 bool Get(const CKvVariant& node, const wchar_t* key, CKvStringW& value);
+// Byte arrays only from byte-array members.
+bool Get(const CKvVariant& node, const wchar_t* key, CKvByteArray& value);
 
 // The elements of a list member: the element named by `name` when there is
 // one, else the element at `position`; null when neither exists.
@@ -106,6 +108,44 @@ void LvGet(CKvLiteVariantR& reader, const wchar_t* key, T& value) {
     value = reader.Get(key, value);
 }
 void LvGet(CKvLiteVariantR& reader, const wchar_t* key, CKvStringW& value);
+void LvGet(CKvLiteVariantR& reader, const wchar_t* key, CKvByteArray& value);
+
+// ---- Field visitors. A structure lists its fields once, as calls
+// visit(key, field); handing that list one of these saves or loads every
+// field in either form. The savers keep the first failure in `result`.
+struct CTreeSaver {
+    CKvVariant& node;
+    kv_result result = KV_OK;
+    template <typename T>
+    void operator()(const wchar_t* key, const T& value) {
+        if (result == KV_OK && !Put(node, key, value)) result = KV_ERR_OUT_OF_MEMORY;
+    }
+};
+
+struct CTreeLoader {
+    const CKvVariant& node;
+    template <typename T>
+    void operator()(const wchar_t* key, T& value) {
+        Get(node, key, value);
+    }
+};
+
+struct CLiteSaver {
+    CKvLiteVariantW& writer;
+    kv_result result = KV_OK;
+    template <typename T>
+    void operator()(const wchar_t* key, const T& value) {
+        if (result == KV_OK) result = writer.Set(value, key);
+    }
+};
+
+struct CLiteLoader {
+    CKvLiteVariantR& reader;
+    template <typename T>
+    void operator()(const wchar_t* key, T& value) {
+        LvGet(reader, key, value);
+    }
+};
 
 // Enters one element level of the level the reader is in: the child named
 // `name` when there is one, else the level at the reader's position. Answers

@@ -135,41 +135,10 @@ void VisitPhysicalVariable(Variable& v, Visit&& visit) {
     visit(L"dValue", v.dValue);
 }
 
-// Writers and readers of one field, for the visitors above.
-struct TreePut {
-    CKvVariant& node;
-    bool ok = true;
-    template <typename T>
-    void operator()(const wchar_t* key, const T& value) {
-        ok = KvMeta::Put(node, key, value) != nullptr && ok;
-    }
-};
-
-struct TreeGet {
-    const CKvVariant& node;
-    template <typename T>
-    void operator()(const wchar_t* key, T& value) {
-        KvMeta::Get(node, key, value);
-    }
-};
-
-struct LitePut {
-    CKvLiteVariantW& writer;
-    kv_result result = KV_OK;
-    template <typename T>
-    void operator()(const wchar_t* key, const T& value) {
-        const kv_result r = writer.Set(value, key);
-        if (result == KV_OK) result = r;
-    }
-};
-
-struct LiteGet {
-    CKvLiteVariantR& reader;
-    template <typename T>
-    void operator()(const wchar_t* key, T& value) {
-        KvMeta::LvGet(reader, key, value);
-    }
-};
+using TreePut = KvMeta::CTreeSaver;
+using TreeGet = KvMeta::CTreeLoader;
+using LitePut = KvMeta::CLiteSaver;
+using LiteGet = KvMeta::CLiteLoader;
 
 // ---- Physical variables
 
@@ -182,7 +151,7 @@ kv_result SavePhysicalVariablesToTree(CKvVariant& node, const SKvPictureMetadata
         KvMeta::BeginStruct(*element, kPhysicalVarRunType);
         TreePut put{*element};
         VisitPhysicalVariable(meta.pPhysicalVar[i], put);
-        if (!put.ok) return KV_ERR_OUT_OF_MEMORY;
+        if (put.result != KV_OK) return put.result;
     }
     return KV_OK;
 }
@@ -424,7 +393,7 @@ kv_result SKvPictureMetadata::SaveToVariant(CKvVariant& node, const SKvPictureMe
         kv_result result = SavePhysicalVariablesToTree(node, meta);
         if (result != KV_OK) return result;
         VisitTail(meta, put);
-        return put.ok ? KV_OK : KV_ERR_OUT_OF_MEMORY;
+        return put.result;
     });
 }
 
