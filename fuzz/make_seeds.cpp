@@ -1,6 +1,7 @@
 // Writes seed inputs for the fuzz targets with the library's own writers:
 // make_seeds DIR creates DIR/chunker/ with small containers, finished,
-// unfinished and damaged, and DIR/record/ and DIR/picturemeta/ with metadata.
+// unfinished and damaged, and DIR/record/, DIR/picturemeta/ and
+// DIR/experiment/ with metadata.
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -10,6 +11,7 @@
 #include "fileformat/CKvFileChunker.h"
 #include "gnr_metaformats/ExperimentRecord.h"
 #include "gnr_metaformats/PictureMetadata.h"
+#include "gnr_metaformats/PictureSequence.h"
 #include "gnr_system/CKvSerializerXMLString.h"
 
 namespace {
@@ -112,6 +114,64 @@ bool WritePictureMetaSeeds(const std::string& root) {
            Save(dir + "/xml", reinterpret_cast<const uint8_t*>(document.data()), document.size());
 }
 
+// Seeds for "experiment": time x XY x Z with validity bytes, a spectral
+// level over two Z stacks, and a multi-phase time lapse with sub-loops.
+SKvExperiment* NewLevel(uint32_t type, uint32_t count) {
+    SKvExperiment* e = nullptr;
+    if (SKvExperiment::Alloc(&e) != KV_OK) return nullptr;
+    SKvExperiment::Init(*e, type, count);
+    return e;
+}
+
+bool Adopt(SKvExperiment& parent, std::vector<SKvExperiment*> kids) {
+    if (SKvExperiment::AllocNextLevels(parent, static_cast<uint32_t>(kids.size())) != KV_OK) return false;
+    for (size_t i = 0; i < kids.size(); ++i) parent.ppNextLevelEx[i] = kids[i];
+    return true;
+}
+
+bool WriteExperimentSeeds(const std::string& root) {
+    const std::string dir = root + "/experiment";
+    mkdir(dir.c_str(), 0755);
+    auto save = [&](const char* name, const SKvExperiment& e) {
+        CKvLiteVariantW writer;
+        return SKvExperiment::SaveToLiteVariant(writer, e) == KV_OK && SaveLite(dir + "/" + name, writer);
+    };
+
+    SKvExperiment time;
+    SKvExperiment::Init(time, SKvExperiment::eExpTimeLoop, 4);
+    time.uLoopPars.TimeLoop.dPeriod = 1000;
+    SKvExperiment::AllocItemValid(time, 4);
+    time.pItemValid[2] = 0;
+    SKvExperiment* xy = NewLevel(SKvExperiment::eExpXYPosLoop, 3);
+    SKvExperiment* z = NewLevel(SKvExperiment::eExpZStackLoop, 5);
+    if (!xy || !z || !Adopt(*xy, {z}) || !Adopt(time, {xy})) return false;
+    z->uLoopPars.ZStackLoop.dZStep = 0.5;
+    bool ok = save("txyz", time);
+
+    SKvExperiment spect;
+    SKvExperiment::Init(spect, SKvExperiment::eExpSpectLoop, 2);
+    spect.uLoopPars.SpectLoop.pPlanes = std::make_unique<SKvPicturePlanes>();
+    SKvPicturePlanes::MakeCompatible(*spect.uLoopPars.SpectLoop.pPlanes, 2);
+    SKvExperiment* z1 = NewLevel(SKvExperiment::eExpZStackLoop, 3);
+    SKvExperiment* z2 = NewLevel(SKvExperiment::eExpZStackLoop, 6);
+    ok = z1 && z2 && Adopt(spect, {z1, z2}) && save("spectral", spect) && ok;
+
+    SKvExperiment phases;
+    SKvExperiment::Init(phases, SKvExperiment::eExpNETimeLoop, 2);
+    auto& ne = phases.uLoopPars.NETimeLoop;
+    ne.pPeriod[0].uiCount = 3;
+    ne.pPeriod[1].uiCount = 2;
+    ne.pPeriodValid = {1, 1};
+    ne.pSubLoops.resize(2);
+    for (SKvExpSubLoop& sub : ne.pSubLoops) {
+        SKvExperiment holder;
+        if (!Adopt(holder, {NewLevel(SKvExperiment::eExpXYPosLoop, 2)})) return false;
+        std::swap(sub.ppNextLevelEx, holder.ppNextLevelEx);
+        std::swap(sub.uiNextLevelCount, holder.uiNextLevelCount);
+    }
+    return save("phases", phases) && ok;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -142,5 +202,6 @@ int main(int argc, char** argv) {
               Save(dir + "/truncated", finished.GetData(), finished.GetSize() - 100);
     ok = WriteRecordSeeds(argv[1]) && ok;
     ok = WritePictureMetaSeeds(argv[1]) && ok;
+    ok = WriteExperimentSeeds(argv[1]) && ok;
     return ok ? 0 : 1;
 }

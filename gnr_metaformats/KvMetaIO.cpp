@@ -67,51 +67,57 @@ const CKvVariant* Find(const CKvVariant& node, const wchar_t* key) {
 
 namespace {
 template <typename T, typename Getter>
-bool GetNumber(const CKvVariant& node, const wchar_t* key, T& value, Getter getter) {
-    const CKvVariant* member = Find(node, key);
-    if (!member || member->IsNull() || member->GetCount() >= 0) return false;
+bool GetNumber(const CKvVariant& member, T& value, Getter getter) {
+    if (member.IsNull() || member.GetCount() >= 0) return false;
     bool ok = false;
-    const T read = (member->*getter)(&ok);
+    const T read = (member.*getter)(&ok);
     if (ok) value = read;
     return ok;
 }
 }  // namespace
 
-bool Get(const CKvVariant& node, const wchar_t* key, bool& value) {
-    return GetNumber(node, key, value, &CKvVariant::GetBool);
+bool GetValue(const CKvVariant& member, bool& value) { return GetNumber(member, value, &CKvVariant::GetBool); }
+bool GetValue(const CKvVariant& member, int32_t& value) { return GetNumber(member, value, &CKvVariant::GetKv_int32); }
+bool GetValue(const CKvVariant& member, uint32_t& value) {
+    return GetNumber(member, value, &CKvVariant::GetKv_uint32);
 }
-bool Get(const CKvVariant& node, const wchar_t* key, int32_t& value) {
-    return GetNumber(node, key, value, &CKvVariant::GetKv_int32);
-}
-bool Get(const CKvVariant& node, const wchar_t* key, uint32_t& value) {
-    return GetNumber(node, key, value, &CKvVariant::GetKv_uint32);
-}
-bool Get(const CKvVariant& node, const wchar_t* key, uint64_t& value) {
+bool GetValue(const CKvVariant& member, uint64_t& value) {
     unsigned long read = value;
-    if (!GetNumber(node, key, read, &CKvVariant::GetKv_uint64)) return false;
+    if (!GetNumber(member, read, &CKvVariant::GetKv_uint64)) return false;
     value = read;
     return true;
 }
-bool Get(const CKvVariant& node, const wchar_t* key, double& value) {
-    return GetNumber(node, key, value, &CKvVariant::GetDouble);
-}
-bool Get(const CKvVariant& node, const wchar_t* key, CKvStringW& value) {
-    const CKvVariant* member = Find(node, key);
-    if (!member || member->GetRunType() != CKvVariantRunType(CKvVariantDataCKvStringW::m_runType)) return false;
+bool GetValue(const CKvVariant& member, double& value) { return GetNumber(member, value, &CKvVariant::GetDouble); }
+bool GetValue(const CKvVariant& member, CKvStringW& value) {
+    if (member.GetRunType() != CKvVariantRunType(CKvVariantDataCKvStringW::m_runType)) return false;
     return KvNoThrow([&] {
-               value = member->GetCKvStringW();
+               value = member.GetCKvStringW();
+               return KV_OK;
+           }) == KV_OK;
+}
+bool GetValue(const CKvVariant& member, CKvByteArray& value) {
+    if (member.GetRunType() != CKvVariantRunType(CKvVariantDataCKvByteArray::m_runType)) return false;
+    return KvNoThrow([&] {
+               value = member.GetCKvByteArray();
                return KV_OK;
            }) == KV_OK;
 }
 
-bool Get(const CKvVariant& node, const wchar_t* key, CKvByteArray& value) {
+namespace {
+template <typename T>
+bool GetMember(const CKvVariant& node, const wchar_t* key, T& value) {
     const CKvVariant* member = Find(node, key);
-    if (!member || member->GetRunType() != CKvVariantRunType(CKvVariantDataCKvByteArray::m_runType)) return false;
-    return KvNoThrow([&] {
-               value = member->GetCKvByteArray();
-               return KV_OK;
-           }) == KV_OK;
+    return member && GetValue(*member, value);
 }
+}  // namespace
+
+bool Get(const CKvVariant& node, const wchar_t* key, bool& value) { return GetMember(node, key, value); }
+bool Get(const CKvVariant& node, const wchar_t* key, int32_t& value) { return GetMember(node, key, value); }
+bool Get(const CKvVariant& node, const wchar_t* key, uint32_t& value) { return GetMember(node, key, value); }
+bool Get(const CKvVariant& node, const wchar_t* key, uint64_t& value) { return GetMember(node, key, value); }
+bool Get(const CKvVariant& node, const wchar_t* key, double& value) { return GetMember(node, key, value); }
+bool Get(const CKvVariant& node, const wchar_t* key, CKvStringW& value) { return GetMember(node, key, value); }
+bool Get(const CKvVariant& node, const wchar_t* key, CKvByteArray& value) { return GetMember(node, key, value); }
 
 const CKvVariant* ElementByNameOrPosition(const CKvVariant& list, const wchar_t* name, int position) {
     if (list.GetCount() <= 0) return nullptr;

@@ -52,6 +52,15 @@ bool Get(const CKvVariant& node, const wchar_t* key, double& value);
 bool Get(const CKvVariant& node, const wchar_t* key, CKvStringW& value);
 // Byte arrays only from byte-array members.
 bool Get(const CKvVariant& node, const wchar_t* key, CKvByteArray& value);
+// The same conversions, reading the value node `member` itself (a list
+// element, say).
+bool GetValue(const CKvVariant& member, bool& value);
+bool GetValue(const CKvVariant& member, int32_t& value);
+bool GetValue(const CKvVariant& member, uint32_t& value);
+bool GetValue(const CKvVariant& member, uint64_t& value);
+bool GetValue(const CKvVariant& member, double& value);
+bool GetValue(const CKvVariant& member, CKvStringW& value);
+bool GetValue(const CKvVariant& member, CKvByteArray& value);
 
 // The elements of a list member: the element named by `name` when there is
 // one, else the element at `position`; null when neither exists.

@@ -40,6 +40,28 @@ struct SResult {
     }
 };
 
+// Channel descriptions are stored without their per-sample settings slots,
+// which every plane needs to be compared. A loaded set of channels whose
+// component counts are sound gets them back, with sample indices that follow
+// each other; a damaged set (an empty plane, absurd counts) is left as read.
+void RestorePlaneSettings(SKvPicturePlanes& planes) {
+    constexpr uint64_t kMaxComponents = 1024;
+    uint64_t components = 0;
+    for (uint32_t i = 0; i < planes.uiCount; ++i) {
+        if (planes.pPlanes[i].uiCompCount == 0) return;
+        components += planes.pPlanes[i].uiCompCount;
+    }
+    if (components == 0 || components > kMaxComponents) return;
+    SKvPicturePlanes::MakeCompatible(planes, static_cast<uint32_t>(components));
+}
+
+// Two channel descriptions are the same channel: components, modality,
+// colour and name. Settings slots play no part.
+bool SamePlane(const SKvPicturePlaneDesc& a, const SKvPicturePlaneDesc& b) {
+    return a.uiCompCount == b.uiCompCount && a.uiModalityMask == b.uiModalityMask && a.uiColor == b.uiColor &&
+           a.sDescription == b.sDescription;
+}
+
 // ---- Field visitors: one key list per record serves the lite and the tree form.
 
 struct SLiteSaver {
@@ -565,7 +587,10 @@ kv_result ReadLiteLoopPars(CKvLiteVariantR& rd, Exp& e, uint32_t depth) {
             KvMeta::CLvLevelReader level(rd, L"pPlanes");
             if (level.IsOpen()) {
                 auto planes = std::make_unique<SKvPicturePlanes>();
-                if (SKvPicturePlanes::LoadFromLiteVariant(*planes, rd) == KV_OK) p.SpectLoop.pPlanes = std::move(planes);
+                if (SKvPicturePlanes::LoadFromLiteVariant(*planes, rd) == KV_OK) {
+                    RestorePlaneSettings(*planes);
+                    p.SpectLoop.pPlanes = std::move(planes);
+                }
             }
         }
         load(L"bMergeCameras", p.SpectLoop.bMergeCameras);
@@ -791,7 +816,7 @@ void TreeLoadValues(const CKvVariant& node, const wchar_t* key, std::vector<T>& 
         const CKvVariant* el = list->IndexPtr(i);
         if (!el) continue;
         T v{};
-        STreeLoader{*list}(el->GetName().GetString(), v);
+        KvMeta::GetValue(*el, v);
         values.push_back(std::move(v));
     }
 }
@@ -953,6 +978,31 @@ void TreeSaveLoopPars(CKvVariant& lp, SResult& r, const Exp& e, uint32_t depth) 
     }
 }
 
+bool SameLI(const SKvLIDesc& a, const SKvLIDesc& b) {
+    return a.iMethod == b.iMethod && a.iXFields == b.iXFields && a.iYFields == b.iYFields && KvSameValue(a.dXmm, b.dXmm) &&
+           KvSameValue(a.dYmm, b.dYmm) && a.bStitch == b.bStitch && a.bValid == b.bValid &&
+           a.bControlShutter == b.bControlShutter && KvSameValue(a.dOverlap, b.dOverlap) && a.uiOrder == b.uiOrder &&
+           a.uiStitchingChannel == b.uiStitchingChannel && a.sPattern == b.sPattern;
+}
+
+// A large image is empty when both descriptors hold only defaults; an empty
+// one and none describe the same acquisition.
+bool IsEmptyLI(const SKvExpLargeImage* li) {
+    return !li || (SameLI(li->sLargeImage, SKvLIDesc()) && SameLI(li->sLargeImageEx, SKvLIDesc()));
+}
+
+// A tree read back from XML or from lite-variant bytes gets every member of
+// the registered sample, so an optional record that was never written comes
+// back holding defaults. A record holding nothing but defaults is taken as
+// absent, in every form, so that all forms load to the same experiment.
+void DropEmptyRecords(Exp& e) {
+    if (IsEmptyLI(e.pLargeImage.get())) e.pLargeImage.reset();
+    if (e.pNIExperiment && !e.pNIExperiment->bIgnoreSetup && e.pNIExperiment->aInputs.empty() &&
+        e.pNIExperiment->aOutputs.empty())
+        e.pNIExperiment.reset();
+    if (e.pRecordedData && *e.pRecordedData == SKvRecordedData()) e.pRecordedData.reset();
+}
+
 kv_result TreeLoadLoopPars(const CKvVariant& lp, Exp& e, uint32_t depth) {
     SKvExpLoopPars& p = e.uLoopPars;
     STreeLoader load{lp};
@@ -996,7 +1046,12 @@ kv_result TreeLoadLoopPars(const CKvVariant& lp, Exp& e, uint32_t depth) {
         load(L"bMergeCameras", s.bMergeCameras);
         if (const CKvVariant* planes = FindList(lp, L"pPlanes")) {
             auto loaded = std::make_unique<SKvPicturePlanes>();
-            if (SKvPicturePlanes::LoadFromVariant(*loaded, *planes) == KV_OK) s.pPlanes = std::move(loaded);
+            // An empty set is what the registered sample brings in when the
+            // channels were never described: none.
+            if (SKvPicturePlanes::LoadFromVariant(*loaded, *planes) == KV_OK && loaded->uiCount > 0) {
+                RestorePlaneSettings(*loaded);
+                s.pPlanes = std::move(loaded);
+            }
         }
         std::vector<CKvStringW> before, after;
         std::vector<int32_t> zpos;
@@ -1051,7 +1106,7 @@ kv_result TreeLoadLoopPars(const CKvVariant& lp, Exp& e, uint32_t depth) {
 }
 
 kv_result SaveTreeOld(CKvVariant& node, const Exp& e, uint32_t depth) {
-    if (depth >= kExpMaxDepth) return KV_ERR_FAILED;
+    if (depth >= kExpMaxDepth || e.uLoopPars.uiCount > kExpMaxTreeItems) return KV_ERR_FAILED;
     KvMeta::BeginStruct(node, kRunType);
     SResult r;
     STreeSaver save{node, r};
@@ -1146,6 +1201,7 @@ kv_result LoadTreeOld(Exp& e, const CKvVariant& node, uint32_t depth) {
         auto loaded = std::make_unique<SKvRecordedData>();
         if (SKvRecordedData::LoadFromVariant(*loaded, *rec) == KV_OK) e.pRecordedData = std::move(loaded);
     }
+    DropEmptyRecords(e);
     TreeLoadStruct(node, L"sAutoFocusBeforeLoop", e.sAutoFocusBeforeLoop, SAF{});
     if (const CKvVariant* pe = FindList(node, L"sParallelExperiment")) {
         auto each = [](const CKvVariant* list, auto add) {
@@ -1176,6 +1232,7 @@ kv_result LoadTree(Exp& e, const CKvVariant& node, uint32_t depth) {
 // ---- Comparison
 
 bool SameValidity(const Exp& a, const Exp& b) {
+    if (!a.pItemValid && !b.pItemValid) return true;  // counts from files need not be backed by memory
     for (uint32_t i = 0; i < a.uLoopPars.uiCount; ++i) {
         const bool va = !a.pItemValid || a.pItemValid[i];
         const bool vb = !b.pItemValid || b.pItemValid[i];
@@ -1184,22 +1241,16 @@ bool SameValidity(const Exp& a, const Exp& b) {
     return true;
 }
 bool SamePoint(const SKvExpXYPos& a, const SKvExpXYPos& b, bool all) {
-    return a.dPosX == b.dPosX && a.dPosY == b.dPosY && a.dPosZ == b.dPosZ && a.dHZLOffset == b.dHZLOffset &&
+    return KvSameValue(a.dPosX, b.dPosX) && KvSameValue(a.dPosY, b.dPosY) && KvSameValue(a.dPosZ, b.dPosZ) && KvSameValue(a.dHZLOffset, b.dHZLOffset) &&
            (!all || a.dPosName == b.dPosName);
 }
 bool SameTime(const SKvExpTimeLoop& a, const SKvExpTimeLoop& b, bool all) {
-    return a.uiCount == b.uiCount && a.dStart == b.dStart && a.dPeriod == b.dPeriod && a.dDuration == b.dDuration &&
+    return a.uiCount == b.uiCount && KvSameValue(a.dStart, b.dStart) && KvSameValue(a.dPeriod, b.dPeriod) && KvSameValue(a.dDuration, b.dDuration) &&
            a.uiLoopType == b.uiLoopType &&
            (!all || (a.wsPhaseName == b.wsPhaseName && a.uiGroup == b.uiGroup && a.bDurationPref == b.bDurationPref &&
                      a.uiStimulationCount == b.uiStimulationCount &&
                      a.sAutoFocusBeforeCapture == b.sAutoFocusBeforeCapture &&
                      a.sAutoFocusBeforePeriod == b.sAutoFocusBeforePeriod));
-}
-bool SameLI(const SKvLIDesc& a, const SKvLIDesc& b) {
-    return a.iMethod == b.iMethod && a.iXFields == b.iXFields && a.iYFields == b.iYFields && a.dXmm == b.dXmm &&
-           a.dYmm == b.dYmm && a.bStitch == b.bStitch && a.bValid == b.bValid &&
-           a.bControlShutter == b.bControlShutter && a.dOverlap == b.dOverlap && a.uiOrder == b.uiOrder &&
-           a.uiStitchingChannel == b.uiStitchingChannel && a.sPattern == b.sPattern;
 }
 
 bool Equal(const Exp* a, const Exp* b, bool rec, bool all, uint32_t depth);
@@ -1226,31 +1277,31 @@ bool SameLoop(const Exp& a, const Exp& b, bool rec, bool all, uint32_t depth) {
         if (x.Points.size() != y.Points.size() || x.bUseZ != y.bUseZ || x.bRelativeXY != y.bRelativeXY) return false;
         for (size_t i = 0; i < x.Points.size(); ++i)
             if (!SamePoint(x.Points[i], y.Points[i], all)) return false;
-        return !all || (x.sZDevice == y.sZDevice && x.sAFBefore == y.sAFBefore && x.dReferenceX == y.dReferenceX &&
-                        x.dReferenceY == y.dReferenceY);
+        return !all || (x.sZDevice == y.sZDevice && x.sAFBefore == y.sAFBefore && KvSameValue(x.dReferenceX, y.dReferenceX) &&
+                        KvSameValue(x.dReferenceY, y.dReferenceY));
     }
     case Exp::eExpXYDiscrLoop:
         return p.XYDiscrLoop.uiRow == q.XYDiscrLoop.uiRow && p.XYDiscrLoop.uiCol == q.XYDiscrLoop.uiCol &&
-               p.XYDiscrLoop.bUseZ == q.XYDiscrLoop.bUseZ && p.XYDiscrLoop.dPosZ == q.XYDiscrLoop.dPosZ;
+               p.XYDiscrLoop.bUseZ == q.XYDiscrLoop.bUseZ && KvSameValue(p.XYDiscrLoop.dPosZ, q.XYDiscrLoop.dPosZ);
     case Exp::eExpZStackLoop: {
         const auto &x = p.ZStackLoop, &y = q.ZStackLoop;
-        return x.dZLow == y.dZLow && x.dZHigh == y.dZHigh && x.dZStep == y.dZStep && x.dZHome == y.dZHome &&
+        return KvSameValue(x.dZLow, y.dZLow) && KvSameValue(x.dZHigh, y.dZHigh) && KvSameValue(x.dZStep, y.dZStep) && KvSameValue(x.dZHome, y.dZHome) &&
                x.bAbsolute == y.bAbsolute && x.bZInverted == y.bZInverted && x.iType == y.iType &&
-               (!all || (x.wsZDevice == y.wsZDevice && x.bTIRF == y.bTIRF && x.dTIRFPosition == y.dTIRFPosition &&
+               (!all || (x.wsZDevice == y.wsZDevice && x.bTIRF == y.bTIRF && KvSameValue(x.dTIRFPosition, y.dTIRFPosition) &&
                          x.wsCommandAfterCapture == y.wsCommandAfterCapture &&
                          x.wsCommandBeforeCapture == y.wsCommandBeforeCapture));
     }
     case Exp::eExpPolarLoop:
-        return p.PolarLoop.dAngleStart == q.PolarLoop.dAngleStart &&
-               p.PolarLoop.dAngleFinish == q.PolarLoop.dAngleFinish &&
+        return KvSameValue(p.PolarLoop.dAngleStart, q.PolarLoop.dAngleStart) &&
+               KvSameValue(p.PolarLoop.dAngleFinish, q.PolarLoop.dAngleFinish) &&
                p.PolarLoop.bSceneRotates == q.PolarLoop.bSceneRotates;
     case Exp::eExpSpectLoop: {
         const auto &x = p.SpectLoop, &y = q.SpectLoop;
-        if ((x.pPlanes == nullptr) != (y.pPlanes == nullptr) || x.Points.size() != y.Points.size()) return false;
-        // Plane by plane: the per-sample settings are not part of the stored forms.
-        if (x.pPlanes && x.pPlanes->uiCount != y.pPlanes->uiCount) return false;
-        for (uint32_t i = 0; x.pPlanes && i < x.pPlanes->uiCount; ++i)
-            if (!SKvPicturePlanes::IsPlaneEqual(*x.pPlanes, i, *y.pPlanes, i)) return false;
+        // No channel descriptions and an empty set of them are the same.
+        const uint32_t nx = x.pPlanes ? x.pPlanes->uiCount : 0, ny = y.pPlanes ? y.pPlanes->uiCount : 0;
+        if (nx != ny || x.Points.size() != y.Points.size()) return false;
+        for (uint32_t i = 0; i < nx; ++i)
+            if (!SamePlane(x.pPlanes->pPlanes[i], y.pPlanes->pPlanes[i])) return false;
         for (size_t i = 0; all && i < x.Points.size(); ++i)
             if (x.Points[i].pAutoFocus != y.Points[i].pAutoFocus || x.Points[i].pZStackPos != y.Points[i].pZStackPos)
                 return false;
@@ -1286,7 +1337,7 @@ bool Equal(const Exp* a, const Exp* b, bool rec, bool all, uint32_t depth) {
     if (!SameLevels(a->uiNextLevelCount, a->ppNextLevelEx, b->uiNextLevelCount, b->ppNextLevelEx, rec, all, depth))
         return false;
     if (!all) return true;
-    const bool sameLI = (!a->pLargeImage && !b->pLargeImage) ||
+    const bool sameLI = (IsEmptyLI(a->pLargeImage.get()) && IsEmptyLI(b->pLargeImage.get())) ||
                         (a->pLargeImage && b->pLargeImage &&
                          SameLI(a->pLargeImage->sLargeImage, b->pLargeImage->sLargeImage) &&
                          SameLI(a->pLargeImage->sLargeImageEx, b->pLargeImage->sLargeImageEx));
@@ -1330,7 +1381,7 @@ bool SKvParallelExperiment::operator==(const SKvParallelExperiment& o) const {
             return false;
     for (size_t i = 0; i < aEvents.size(); ++i)
         if (aEvents[i].uiID != o.aEvents[i].uiID || aEvents[i].uiTaskID != o.aEvents[i].uiTaskID ||
-            aEvents[i].dTime != o.aEvents[i].dTime)
+            !KvSameValue(aEvents[i].dTime, o.aEvents[i].dTime))
             return false;
     return true;
 }

@@ -25,9 +25,18 @@ struct SKvExperiment;
 // inside its parameters), so 32 also keeps every valid tree storable.
 constexpr uint32_t kExpMaxDepth = 32;
 
+// Most items a level may have to be saved in the tree form, which stores one
+// flag node per item (about 100 bytes each in memory). The lite form stores
+// one byte per item and has no such bound.
+constexpr uint32_t kExpMaxTreeItems = 10000000;
+
 // Flags of SKvExperiment::CopyRecursive and Duplicate.
 constexpr uint32_t kExpCopyNoItemValid = 0x1;  // the copy gets no item-validity arrays (every item valid)
 constexpr uint32_t kExpCopyNoRecords = 0x2;    // the copy gets no NI experiment, recorded data or large image
+
+// Equality of two stored doubles in which a NaN (which files may hold)
+// matches a NaN, so that a copy of anything loaded compares equal to it.
+inline bool KvSameValue(double a, double b) { return a == b || (a != a && b != b); }
 
 // Autofocus run before a loop, before a capture or before a phase.
 // Lite keys "eType", "dRange", "dStep", "dOffset"; tree run type "RKvExpAutoFocus", same keys.
@@ -39,7 +48,8 @@ struct SKvExpAutoFocus {
     double dOffset = 0.0;  // offset added to the found focus, µm
 
     bool operator==(const SKvExpAutoFocus& o) const {
-        return eType == o.eType && dRange == o.dRange && dStep == o.dStep && dOffset == o.dOffset;
+        return eType == o.eType && KvSameValue(dRange, o.dRange) && KvSameValue(dStep, o.dStep) &&
+               KvSameValue(dOffset, o.dOffset);
     }
     bool operator!=(const SKvExpAutoFocus& o) const { return !(*this == o); }
 };
@@ -380,7 +390,8 @@ struct SKvExperiment {
     // keeping the next levels of run type "RKvExperiment" that load without
     // error; same counting rules and depth bound as the lite form. In the
     // tree the item count is the length of "pItemValid", always written; a
-    // list of all true reads back as no validity array.
+    // list of all true reads back as no validity array. Saving a level of
+    // more than kExpMaxTreeItems items is refused with -9.
     static kv_result SaveToVariant(CKvVariant& node, const SKvExperiment& exp);
     static kv_result LoadFromVariant(SKvExperiment& exp, const CKvVariant& node);
     static kv_result SaveToVariantOld(CKvVariant& node, const SKvExperiment& exp);

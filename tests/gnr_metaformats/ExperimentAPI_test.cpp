@@ -8,6 +8,8 @@
 #include <random>
 #include <vector>
 
+#include "gnr_system/CKvSerializerXMLString.h"
+
 namespace {
 
 using Exp = SKvExperiment;
@@ -192,6 +194,45 @@ TEST(ExperimentAPI, RoundTripOverGeneratedTrees) {
     }
     EXPECT_GT(checked, 3000u);  // the generator must keep producing sizeable trees
     EXPECT_GE(deepest, 4u);
+}
+
+// Whole generated trees (next levels, sub-loops, validity, repeat counts)
+// come back equal from the lite form, the tree form and the tree through XML.
+TEST(ExperimentAPI, GeneratedTreesSurviveEveryStoredForm) {
+    std::mt19937 rng(99);
+    for (int round = 0; round < 40; ++round) {
+        SCOPED_TRACE(round);
+        Tree tree(Generate(rng, 0));
+        tree->wsUserDesc = CKvStringW((L"round " + std::to_wstring(round)).c_str());
+        std::vector<Tree> back;
+
+        CKvLiteVariantW writer;
+        ASSERT_EQ(Exp::SaveToLiteVariant(writer, *tree), KV_OK);
+        CKvLiteVariantR reader;
+        ASSERT_EQ(writer.Finalize(reader, 0), KV_OK);
+        back.push_back(std::make_unique<Exp>());
+        ASSERT_EQ(Exp::LoadFromLiteVariant(*back.back(), reader), KV_OK);
+
+        CKvVariant node;
+        ASSERT_EQ(Exp::SaveToVariant(node, *tree), KV_OK);
+        back.push_back(std::make_unique<Exp>());
+        ASSERT_EQ(Exp::LoadFromVariant(*back.back(), node), KV_OK);
+
+        node.SetName(CKvStringW(L"experiment"));
+        CKvStringW xml;
+        ASSERT_EQ(CKvSerializerXMLString::DocumentToXML(xml, node), KV_OK);
+        CKvVariant fromXml;
+        ASSERT_EQ(CKvSerializerXMLString::VariantFromXML(fromXml, xml), KV_OK);
+        back.push_back(std::make_unique<Exp>());
+        ASSERT_EQ(Exp::LoadFromVariant(*back.back(), fromXml), KV_OK);
+
+        for (size_t form = 0; form < back.size(); ++form) {
+            SCOPED_TRACE(form);
+            const Tree& loaded = back[form];
+            EXPECT_TRUE(Exp::IsEqual(tree.get(), loaded.get(), true, true));
+            EXPECT_EQ(Api::GetAllImagesCount(tree.get()), Api::GetAllImagesCount(loaded.get()));
+        }
+    }
 }
 
 TEST(ExperimentAPI, DamagedTreesAreRefused) {
