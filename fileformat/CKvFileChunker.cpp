@@ -412,30 +412,38 @@ kv_result CKvFileChunker::GetChunk(CKvByteArray& data, const char* name) {
     });
 }
 
+kv_result CKvFileChunker::LocatePart(SKvChunkHeader& header, uint64_t offset, uint64_t size, const char* name,
+                                     uint64_t& at) {
+    SKvChunkMapMember member;
+    kv_result r = FindChunk(name, member);
+    if (r != KV_OK) return r;
+    uint64_t position = member.position;
+    if (header.magic == 0) {
+        SKvChunkHeader read;
+        r = ReadHeader(read, position);
+        if (r != KV_OK) return r;
+        header = read;
+    }
+    // The range inside the chunk's data, and the chunk's data inside the storage.
+    uint64_t storageSize = 0;
+    if (StorageSize(storageSize) != KV_OK) return KV_ERR_FAILED;
+    if (offset > header.dataLength || size > header.dataLength - offset) return KV_ERR_FAILED;
+    if (position > storageSize || storageSize - position < kChunkHeaderSize + header.nameLength) return KV_ERR_FAILED;
+    const uint64_t dataStart = position + kChunkHeaderSize + header.nameLength;
+    if (offset > storageSize - dataStart || size > storageSize - dataStart - offset) return KV_ERR_FAILED;
+    at = dataStart + offset;
+    return KV_OK;
+}
+
 kv_result CKvFileChunker::GetChunkPart(SKvChunkHeader& header, CKvByteArray& data, uint64_t offset, uint32_t size,
                                        const char* name) {
     return KvNoThrow([&]() -> kv_result {
-        SKvChunkMapMember member;
-        kv_result r = FindChunk(name, member);
+        // Everything is checked before the caller's array is touched.
+        uint64_t at = 0;
+        const kv_result r = LocatePart(header, offset, size, name, at);
         if (r != KV_OK) return r;
-        uint64_t position = member.position;
-        if (header.magic == 0) {
-            SKvChunkHeader read;
-            r = ReadHeader(read, position);
-            if (r != KV_OK) return r;
-            header = read;
-        }
-        // Everything is checked before the caller's array is touched: the range
-        // inside the chunk's data, and the chunk's data inside the storage.
-        uint64_t storageSize = 0;
-        if (StorageSize(storageSize) != KV_OK) return KV_ERR_FAILED;
-        if (offset > header.dataLength || size > header.dataLength - offset) return KV_ERR_FAILED;
-        const uint64_t dataStart = position + kChunkHeaderSize + header.nameLength;
-        if (position > storageSize || storageSize - position < kChunkHeaderSize + header.nameLength ||
-            offset + size > storageSize - dataStart)
-            return KV_ERR_FAILED;
         if (size == 0) return data.SetSize(0);
-        if (SeekTo(dataStart + offset) != KV_OK) return KV_ERR_FAILED;
+        if (SeekTo(at) != KV_OK) return KV_ERR_FAILED;
         const uint64_t previousSize = data.GetSize();
         if (data.SetSize(size) != KV_OK) return KV_ERR_OUT_OF_MEMORY;
         if (ReadExact(data.GetData(), size) != KV_OK) {
@@ -443,6 +451,28 @@ kv_result CKvFileChunker::GetChunkPart(SKvChunkHeader& header, CKvByteArray& dat
             return KV_ERR_FAILED;
         }
         return KV_OK;
+    });
+}
+
+kv_result CKvFileChunker::ReadChunkPart(SKvChunkHeader& header, void* buffer, uint64_t offset, uint64_t size,
+                                        const char* name) {
+    if (!buffer && size) return KV_ERR_INVALID_ARG;
+    return KvNoThrow([&]() -> kv_result {
+        uint64_t at = 0;
+        const kv_result r = LocatePart(header, offset, size, name, at);
+        if (r != KV_OK || size == 0) return r;
+        if (SeekTo(at) != KV_OK || ReadExact(buffer, size) != KV_OK) return KV_ERR_FAILED;
+        return KV_OK;
+    });
+}
+
+kv_result CKvFileChunker::GetChunkHeader(SKvChunkHeader& header, const char* name) {
+    return KvNoThrow([&]() -> kv_result {
+        SKvChunkHeader read;
+        uint64_t at = 0;
+        const kv_result r = LocatePart(read, 0, 0, name, at);
+        if (r == KV_OK) header = read;
+        return r;
     });
 }
 

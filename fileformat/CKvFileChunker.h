@@ -92,6 +92,11 @@ public:
     // which is then not read again; otherwise it is read into `header`.
     // -9 when offset + size passes the data length (nothing is read).
     kv_result GetChunkPart(SKvChunkHeader& header, CKvByteArray& data, uint64_t offset, uint32_t size, const char* name);
+    // The same into the caller's `buffer` of at least `size` bytes, with no
+    // copy in between; the buffer is untouched on failure before the read.
+    kv_result ReadChunkPart(SKvChunkHeader& header, void* buffer, uint64_t offset, uint64_t size, const char* name);
+    // The header of a chunk (its data length, say): -13 unknown, -9 damaged.
+    kv_result GetChunkHeader(SKvChunkHeader& header, const char* name);
     // True when the map holds exactly `name`; no "!" is appended here.
     bool ExistChunk(const char* name) const;
     // The name after `after` in ascending order (the first with an empty or
@@ -153,6 +158,7 @@ private:
     kv_result Resynchronise(uint64_t from, uint64_t& found);
     kv_result ReadChunkAt(uint64_t& position, SKvChunkHeader& header, CKvStringA& name, CKvByteArray* data);
     kv_result FindChunk(const char* name, SKvChunkMapMember& member) const;
+    kv_result LocatePart(SKvChunkHeader& header, uint64_t offset, uint64_t size, const char* name, uint64_t& at);
     kv_result CheckWritable(const char* name) const;
     kv_result WriteChunk(const void* data1, uint64_t size1, const void* data2, uint64_t size2, std::string_view name);
     kv_result WriteChunkStart(const void* data1, uint64_t size1, bool moreData, uint64_t dataLength,

@@ -244,7 +244,17 @@ TEST_P(ChunkerTest, StreamingRewritingAndReadingBetweenWrites) {
         CKvByteArray out("keep", 4);
         EXPECT_EQ(r->GetChunkPart(h, out, offset, size, "stream"), ok ? KV_OK : KV_ERR_FAILED) << offset;
         EXPECT_EQ(ToBytes(out), ok ? Slice(streamed, offset, size) : Join("keep")) << offset;
+        // Straight into a caller's buffer: the same bytes, or the buffer untouched.
+        std::vector<uint8_t> direct(size ? size : 1, 0xAB);
+        SKvChunkHeader h2;
+        EXPECT_EQ(r->ReadChunkPart(h2, direct.data(), offset, size, "stream"), ok ? KV_OK : KV_ERR_FAILED);
+        if (ok) EXPECT_EQ(Bytes(direct.begin(), direct.end()), Slice(streamed, offset, size));
+        else EXPECT_EQ(direct, std::vector<uint8_t>(direct.size(), 0xAB));
     }
+    SKvChunkHeader whole;
+    ASSERT_EQ(r->GetChunkHeader(whole, "stream"), KV_OK);
+    EXPECT_EQ(whole.dataLength, end);
+    EXPECT_EQ(r->GetChunkHeader(whole, "nope"), KV_ERR_NOT_FOUND);
     // A vouched header (non-zero magic) is trusted as given: its lengths place and bound the data.
     CKvByteArray out;
     SKvChunkHeader vouched{kChunkMagic, 4072 - 4, 100};
