@@ -1,7 +1,7 @@
 // Writes seed inputs for the fuzz targets with the library's own writers:
 // make_seeds DIR creates DIR/chunker/ with small containers, finished,
 // unfinished and damaged, and DIR/record/, DIR/picturemeta/ and
-// DIR/experiment/ with metadata.
+// DIR/experiment/ with metadata, and DIR/qv8file/ with whole QV8 files.
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "fileformat/CKvFileChunker.h"
+#include "fileformat/CKvImageFormatQV8.h"
 #include "gnr_metaformats/ExperimentRecord.h"
 #include "gnr_metaformats/PictureMetadata.h"
 #include "gnr_metaformats/PictureSequence.h"
@@ -172,6 +173,49 @@ bool WriteExperimentSeeds(const std::string& root) {
     return save("phases", phases) && ok;
 }
 
+// Seeds for "qv8file": small files written through the format's writer, raw
+// and compressed, with metadata, copied into the seed directory.
+bool WriteQV8Seeds(const std::string& root) {
+    const std::string dir = root + "/qv8file";
+    mkdir(dir.c_str(), 0755);
+    bool ok = true;
+    for (uint32_t compression : {kCompressionNone, kCompressionZlib}) {
+        const std::string path = dir + (compression == kCompressionNone ? "/raw" : "/zlib");
+        std::remove(path.c_str());
+        const CKvStringW wide = CKvStringUtils::UTF8toW(path.c_str());
+        IKvOutputImageFile* out = nullptr;
+        if (CKvImageFormatQV8::Shared()->CreateOutputImageFile(wide, out) != KV_OK) return false;
+        SKvImageAttributes a;
+        a.uiWidth = 8;
+        a.uiHeight = 4;
+        a.uiComp = 2;
+        a.uiBpcInMemory = a.uiBpcSignificant = 16;
+        a.uiWidthBytes = 32;
+        a.eCompression = compression;
+        out->SetImageAttributes(a);
+        SKvPictureMetadata meta;
+        SKvPicturePlanes::MakeCompatible(meta.sPicturePlanes, 2);
+        out->SetImageMetadata(0, meta, nullptr);
+        SKvExperiment time;
+        SKvExperiment::Init(time, SKvExperiment::eExpTimeLoop, 2);
+        out->SetImageMetadata(time, nullptr);
+        SKvImageTextInfo info;
+        info.aItems[0] = L"seed";
+        out->SetImageTextInfo(info);
+        const uint8_t custom[] = {1, 2, 3, 4};
+        out->SetCustomData(L"seed", custom, sizeof custom);
+        std::vector<uint8_t> pixels(a.uiWidthBytes * a.uiHeight);
+        for (uint32_t frame = 0; frame < 2; ++frame) {
+            for (size_t i = 0; i < pixels.size(); ++i) pixels[i] = static_cast<uint8_t>(i * (frame + 3));
+            out->SetAcqTime(10.0 * frame);
+            ok = out->FlushData(frame, pixels.data(), nullptr, nullptr) == KV_OK && ok;
+        }
+        ok = out->Finalize() == KV_OK && ok;
+        out->Release();
+    }
+    return ok;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -203,5 +247,6 @@ int main(int argc, char** argv) {
     ok = WriteRecordSeeds(argv[1]) && ok;
     ok = WritePictureMetaSeeds(argv[1]) && ok;
     ok = WriteExperimentSeeds(argv[1]) && ok;
+    ok = WriteQV8Seeds(argv[1]) && ok;
     return ok ? 0 : 1;
 }

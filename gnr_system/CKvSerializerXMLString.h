@@ -5,13 +5,8 @@
 
 #include "gnr_system/CKvString.h"
 #include "gnr_system/CKvVariant.h"
+#include "gnr_system/KvClass.h"
 #include "gnr_system/KvResult.h"
-
-// Base of the library's abstract interfaces.
-class IKvInterface {
-public:
-    virtual ~IKvInterface() = default;
-};
 
 // Writes a tree to, and reads it from, a destination named by an options tree.
 class IKvSerializer : public IKvInterface {
@@ -27,6 +22,7 @@ constexpr int kXmlMaxNodeDepth = 256;
 
 class CKvSerializerXMLString final : public IKvSerializer {
 public:
+    const char* GetClass() override { return "CKvSerializerXMLString"; }
     // Writes the whole document of `tree`. The destination is the "voidPtr"
     // member of `options` named "string" (a CKvStringW*, gets the wide
     // document) or else "stringUTF8" (a CKvStringA*, gets the UTF-8 document);

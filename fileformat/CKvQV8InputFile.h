@@ -1,0 +1,186 @@
+// Readers of QV8 files: version 3 (lite-variant metadata chunks), version 2
+// (XML metadata chunks; the base of version 3) and the refusing placeholder
+// of version 1. Each owns the container it was given, opened read-only.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "fileformat/CKvFileChunker.h"
+#include "fileformat/IKvImageFile.h"
+#include "gnr_system/CKvSerializerXMLString.h"
+
+// Chunk names of a QV8 file. Formats take a decimal frame index (%u) and a
+// custom-data name (%ls). Version-2 files use the names without "LV".
+constexpr const char* kChunkFrame = "ImageDataSeq|%u!";
+constexpr const char* kChunkAttributes = "ImageAttributes!";
+constexpr const char* kChunkAttributesLV = "ImageAttributesLV!";
+constexpr const char* kChunkExperiment = "ImageMetadata!";
+constexpr const char* kChunkExperimentLV = "ImageMetadataLV!";
+constexpr const char* kChunkPictureMeta = "ImageMetadataSeq|%u!";
+constexpr const char* kChunkPictureMetaLV = "ImageMetadataSeqLV|%u!";
+constexpr const char* kChunkTextInfo = "ImageTextInfo!";
+constexpr const char* kChunkTextInfoLV = "ImageTextInfoLV!";
+constexpr const char* kChunkEvents = "ImageEvents!";
+constexpr const char* kChunkEventsLV = "ImageEventsLV!";
+constexpr const char* kChunkAcqTimes = "CustomData|AcqTimesCache!";
+constexpr const char* kChunkCustomData = "CustomData|%ls!";
+constexpr const char* kChunkCustomDataSeq = "CustomDataSeq|%ls|%u!";
+constexpr const char* kChunkCustomDataVar = "CustomDataVar|%ls!";
+constexpr const char* kChunkCustomDataVarSeq = "CustomDataVarSeq|%ls|%u!";
+// The two "CustomDataVar" chunks hold a variant tree in the metadata encoding
+// of the file's version: in version 3 the lite-variant bytes of the tree as
+// CKvLiteVariantW::Set(tree, name) writes them (one item, a level for a
+// list), read back with CKvLiteVariantR::GetCurrentValue; in version 2 the
+// UTF-8 XML document of the tree written by CKvSerializerXMLString.
+// Custom-data names are stored as UTF-8 in the chunk names.
+constexpr const char* kChunkBinary = "ImageBinary!";
+constexpr const char* kChunkCalibration = "ImageCalibration|%u!";
+// Bytes before the pixels of a frame chunk: the frame's time, a little-endian double.
+constexpr uint64_t kFramePrefixSize = 8;
+// Custom-data variant holding the picture served for full-size rectangles
+// of compressed frames: level "Thumbnail" with "uiComp", "uiBpc",
+// "uiWidthBytes", "uiHeight", "uiWidth" and the pixel bytes "pData".
+constexpr const wchar_t* kThumbnailName = L"Thumbnail_V1_0";
+// Marker of picture metadata not loaded yet.
+constexpr const wchar_t* kMetadataNotInitialized = L"##not_initialized##";
+
+// Version 1: recognised, never read. Every operation that reads answers -9
+// and leaves its arguments alone.
+class CKvQV8InputFile_V01 : public IKvQV8InputFile {
+public:
+    CKvQV8InputFile_V01(IKvImageFormat* format, std::unique_ptr<CKvFileChunker> chunker);
+
+    uint32_t AddRef() override;
+    uint32_t Release() override;
+    IKvImageFormat* GetImageFormat() override;
+    kv_result GetData(uint32_t, void*, KvProgressCallback, void*) override;
+    kv_result GetImageAttributes(SKvImageAttributes&) override;
+    kv_result GetImageMetadata(SKvExperiment&, CKvVariant*) override;
+    kv_result GetImageMetadata(uint32_t, SKvPictureMetadata&, CKvVariant*) override;
+    kv_result GetCustomData(const wchar_t*, CKvByteArray&) override;
+    kv_result GetCustomDataSeq(const wchar_t*, uint32_t, CKvByteArray&) override;
+    kv_result GetComponentData(uint32_t, uint32_t, void*, uint32_t, uint32_t) override;
+    kv_result GetCustomDataVar(const wchar_t*, CKvVariant&) override;
+    kv_result GetCustomDataVarSeq(const wchar_t*, uint32_t, CKvVariant&) override;
+    kv_result GetImageTextInfo(SKvImageTextInfo&) override;
+    kv_result GetImageBinary(void*) override;
+    kv_result GetRectData(uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, uint32_t, void*, uint32_t, int,
+                          KvProgressCallback, void*) override;
+    kv_result GetImageEvents(SKvExperimentRecord&, CKvVariant*) override;
+    kv_result Finalize();
+
+private:
+    virtual ~CKvQV8InputFile_V01();
+
+    std::unique_ptr<CKvFileChunker> m_pChunker;
+    uint32_t m_uiRefCount = 1;
+    IKvImageFormat* m_pFormat = nullptr;
+};
+
+// Version 2, and every operation version 3 inherits.
+class CKvQV8InputFile_V02 : public IKvQV8InputFile {
+public:
+    // Takes over `chunker`, opened read-only with its map.
+    CKvQV8InputFile_V02(IKvImageFormat* format, std::unique_ptr<CKvFileChunker> chunker);
+
+    uint32_t AddRef() override;
+    uint32_t Release() override;
+    IKvImageFormat* GetImageFormat() override;
+    kv_result GetData(uint32_t sequenceIndex, void* buffer, KvProgressCallback progress, void* userData) override;
+    kv_result GetImageAttributes(SKvImageAttributes& attributes) override;
+    kv_result GetImageMetadata(SKvExperiment& experiment, CKvVariant* tree) override;
+    kv_result GetImageMetadata(uint32_t sequenceIndex, SKvPictureMetadata& metadata, CKvVariant* tree) override;
+    kv_result GetCustomData(const wchar_t* name, CKvByteArray& data) override;
+    kv_result GetCustomDataSeq(const wchar_t* name, uint32_t sequenceIndex, CKvByteArray& data) override;
+    kv_result GetComponentData(uint32_t sequenceIndex, uint32_t component, void* buffer, uint32_t rowBytes,
+                               uint32_t flags) override;
+    kv_result GetCustomDataVar(const wchar_t* name, CKvVariant& tree) override;
+    kv_result GetCustomDataVarSeq(const wchar_t* name, uint32_t sequenceIndex, CKvVariant& tree) override;
+    kv_result GetImageTextInfo(SKvImageTextInfo& info) override;
+    kv_result GetImageBinary(void* data) override;
+    kv_result GetRectData(uint32_t sequenceIndex, uint32_t left, uint32_t top, uint32_t width, uint32_t height,
+                          uint32_t dstWidth, uint32_t dstHeight, void* buffer, uint32_t dstRowBytes, int flags,
+                          KvProgressCallback progress, void* userData) override;
+    kv_result GetImageEvents(SKvExperimentRecord& record, CKvVariant* tree) override;
+    kv_result GetAcqTime(double& time) override;
+    kv_result Finalize();
+
+    // The total-sequence-count override: once set, GetImageAttributes
+    // reports `count` as the sequence count whatever the file says.
+    void SetTotalSequenceCount(uint32_t count);
+    CKvFileChunker& Chunker() { return *m_pChunker; }
+
+protected:
+    virtual ~CKvQV8InputFile_V02();
+
+    // Shared pieces of both versions.
+    // Frame `sequenceIndex` into `buffer`: raw pixels read straight into it,
+    // or one read of the zlib stream inflated into it; the output never
+    // exceeds the frame size of the attributes (read first when not yet known).
+    kv_result ReadFrame(uint32_t sequenceIndex, void* buffer);
+    // Sets the frame's absolute and relative times from the time cache.
+    void ApplyAcqTimes(uint32_t sequenceIndex, SKvPictureMetadata& metadata);
+    // Decodes an XML chunk into `tree`: -13 missing, -9 not a document.
+    kv_result ReadXmlChunk(const char* name, CKvVariant& tree);
+    // Decodes a lite-variant chunk and hands its reader to `load`.
+    template <typename Load>
+    kv_result ReadLiteChunk(const char* name, Load&& load);
+
+    // True for readers whose metadata chunks are lite variants (version 3).
+    virtual bool IsLiteVariant() const { return false; }
+    // Reads the attributes once, so that frame requests know the frame shape.
+    kv_result EnsureAttributes();
+    // Validates freshly loaded attributes, caches them (the override applied)
+    // and hands them to the caller; -9 for a zero dimension.
+    kv_result AcceptAttributes(const SKvImageAttributes& loaded, SKvImageAttributes& attributes);
+    // Full-size rectangles of compressed frames, served from the thumbnail.
+    kv_result CopyFromThumbnail(uint32_t left, uint32_t top, uint32_t width, uint32_t height, uint8_t* out,
+                                uint64_t stride, KvProgressCallback progress, void* userData);
+    // The version-2 forms, also the fallback of version 3 for older files.
+    kv_result ReadXmlExperiment(SKvExperiment& experiment, CKvVariant* tree);
+    kv_result ReadXmlTextInfo(SKvImageTextInfo& info);
+    kv_result ReadXmlEvents(SKvExperimentRecord& record, CKvVariant* tree);
+    // The shared picture metadata of the first metadata chunk, with the frame's times.
+    kv_result ReadFrameMetadata(uint32_t sequenceIndex, SKvPictureMetadata& metadata, CKvVariant* tree);
+    kv_result DecodePictureMetadata(const char* name, SKvPictureMetadata& metadata, CKvVariant* tree);
+    // Fills m_aAcqTimes from the time-cache chunk while it is empty.
+    void LoadAcqTimes();
+    kv_result ReadRawChunk(const char* name, CKvByteArray& data);
+    kv_result ReadVariantChunk(const char* name, CKvVariant& tree);
+
+    std::unique_ptr<CKvFileChunker> m_pChunker;
+    CKvByteArray m_aAcqTimes;                 // doubles, one per frame, once loaded
+    SKvPictureMetadata m_sMetadata;           // the shared picture metadata, once loaded
+    CKvStringW m_strMetadataMarker{kMetadataNotInitialized};
+    SKvImageAttributes m_sAttributes;         // as last read; valid when m_bAttributesRead
+    bool m_bAttributesRead = false;
+    uint32_t m_uiSequenceCount = 0;           // 0 until known
+    uint32_t m_uiCompression = 0xFFFFFFFF;    // until known
+    CKvSerializerXMLString m_serializer;
+    IKvImageFormat* m_pFormat = nullptr;
+    uint32_t m_uiRefCount = 1;
+    bool m_bTotalSequenceOverride = false;
+    uint32_t m_uiTotalSequenceCount = 0;
+    CKvStringA m_strMetadataChunk;           // chunk of the cached picture metadata
+};
+
+// Version 3 (and any version number other than 1 and 2).
+class CKvQV8InputFile_V03 : public CKvQV8InputFile_V02 {
+public:
+    CKvQV8InputFile_V03(IKvImageFormat* format, std::unique_ptr<CKvFileChunker> chunker);
+
+    kv_result GetData(uint32_t sequenceIndex, void* buffer, KvProgressCallback progress, void* userData) override;
+    kv_result GetImageAttributes(SKvImageAttributes& attributes) override;
+    kv_result GetImageMetadata(SKvExperiment& experiment, CKvVariant* tree) override;
+    kv_result GetImageMetadata(uint32_t sequenceIndex, SKvPictureMetadata& metadata, CKvVariant* tree) override;
+    kv_result GetImageTextInfo(SKvImageTextInfo& info) override;
+    kv_result GetRectData(uint32_t sequenceIndex, uint32_t left, uint32_t top, uint32_t width, uint32_t height,
+                          uint32_t dstWidth, uint32_t dstHeight, void* buffer, uint32_t dstRowBytes, int flags,
+                          KvProgressCallback progress, void* userData) override;
+    kv_result GetImageEvents(SKvExperimentRecord& record, CKvVariant* tree) override;
+
+protected:
+    ~CKvQV8InputFile_V03() override;
+    bool IsLiteVariant() const override { return true; }
+};

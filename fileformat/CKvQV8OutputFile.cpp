@@ -1,0 +1,489 @@
+// Writers of QV8 files. Version 2 stores its metadata chunks as XML
+// documents, version 3 as lite variants; frames, custom data, the time cache
+// and the container handling are shared.
+#include "fileformat/CKvQV8OutputFile.h"
+
+#include <zlib.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <new>
+#include <string>
+
+#include "gnr_system/CKvSerializerXMLString.h"
+#include "gnr_system/KvBytes.h"
+
+namespace {
+
+// Largest byte count one chunk call takes.
+constexpr uint64_t kMaxChunkBytes = 0xFFFFFFFFull;
+// zlib level used when the compression parameter is below 1.
+constexpr int kDefaultZlibLevel = 6;
+constexpr int kMinZlibLevel = 1;
+constexpr int kMaxZlibLevel = 9;
+// Room compress2 gets: 20 % above the frame plus a fixed slack, which covers
+// zlib's worst case for incompressible frames.
+constexpr double kCompressGrowth = 1.2;
+constexpr uint64_t kCompressSlack = 12;
+// Time stored for frames whose time is unknown.
+constexpr double kNoAcqTime = -1.0;
+
+// Names the trees of the XML chunks carry: the record they hold. The record
+// savers keep the name the tree already has, so it is given first.
+constexpr const wchar_t* kAttributesTreeName = L"SKvImageAttributes";
+constexpr const wchar_t* kTextInfoTreeName = L"SKvImageTextInfo";
+constexpr const wchar_t* kExperimentTreeName = L"SKvExperiment";
+constexpr const wchar_t* kPictureMetaTreeName = L"SKvPictureMetadata";
+constexpr const wchar_t* kEventsTreeName = L"SKvExperimentRecord";
+constexpr const wchar_t* kCalibrationTreeName = L"SKvCalibration";
+
+int ZlibLevel(double parameter) {
+    if (std::isnan(parameter) || parameter < kMinZlibLevel) return kDefaultZlibLevel;
+    if (parameter > kMaxZlibLevel) return kMaxZlibLevel;
+    return static_cast<int>(parameter);
+}
+
+CKvStringA FormatIndexed(const char* pattern, uint32_t index) {
+    CKvStringA name;
+    name.Format(pattern, index);
+    return name;
+}
+
+// Saves a record into a tree named after it, for the XML chunks.
+template <typename Save>
+kv_result BuildNamedTree(CKvVariant& tree, const wchar_t* name, Save&& save) {
+    tree.SetName(CKvStringW(name));
+    return save(tree);
+}
+
+}  // namespace
+
+// ---- construction and reference counting ----
+
+CKvQV8OutputFile_V02::CKvQV8OutputFile_V02(IKvImageFormat* format, const CKvStringW& fileName, bool existed,
+                                           std::unique_ptr<CKvFileChunker> chunker)
+    : CKvQV8OutputFile_V02(format, fileName, existed, std::move(chunker), false) {}
+
+CKvQV8OutputFile_V02::CKvQV8OutputFile_V02(IKvImageFormat* format, const CKvStringW& fileName, bool existed,
+                                           std::unique_ptr<CKvFileChunker> chunker, bool liteAttributes)
+    : m_pChunker(std::move(chunker)), m_strFileName(fileName), m_pFormat(format) {
+    if (existed && m_pChunker) loadExistingFile(liteAttributes);
+}
+
+// Not finalizing here is deliberate: a writer dropped without Finalize
+// leaves a file without chunk map, which the container can recover.
+CKvQV8OutputFile_V02::~CKvQV8OutputFile_V02() = default;
+
+uint32_t CKvQV8OutputFile_V02::AddRef() { return ++m_uiRefCount; }
+
+uint32_t CKvQV8OutputFile_V02::Release() {
+    const uint32_t left = m_uiRefCount ? --m_uiRefCount : 0;
+    if (left == 0) delete this;
+    return left;
+}
+
+IKvImageFormat* CKvQV8OutputFile_V02::GetImageFormat() { return m_pFormat; }
+
+void CKvQV8OutputFile_V02::loadExistingFile(bool liteAttributes) {
+    KvNoThrow([&]() -> kv_result {
+        CKvByteArray data;
+        if (liteAttributes) {
+            CKvLiteVariantR reader;
+            if (m_pChunker->GetChunk(reader, kChunkAttributesLV) == KV_OK)
+                SKvImageAttributes::LoadFromLiteVariant(m_sAttributes, reader);
+        } else if (m_pChunker->GetChunk(data, kChunkAttributes) == KV_OK && data.GetSize()) {
+            CKvVariant tree;
+            if (CKvSerializerXMLString::VariantFromXML_UTF8(tree, reinterpret_cast<const char*>(data.GetData()),
+                                                            static_cast<unsigned>(data.GetSize())) == KV_OK)
+                SKvImageAttributes::LoadFromVariant(m_sAttributes, tree);
+        }
+        m_uiNextFrame = m_sAttributes.uiSequenceCount;
+
+        // The old frames keep their times: they count as written.
+        CKvByteArray times;
+        if (m_pChunker->GetChunk(times, kChunkAcqTimes) != KV_OK) return KV_OK;
+        const uint32_t count = static_cast<uint32_t>(times.GetSize() / sizeof(double));
+        if (count == 0) return KV_OK;
+        for (uint32_t i = 0; i < count; ++i) {
+            const double time = kvbytes::LoadF64(times.GetData() + i * sizeof(double));
+            setTimeToAcqTimesCache(i, time, true);
+            if (time != kNoAcqTime) m_aAcqTimeStates.GetData()[i] = kAcqTimeWritten;
+            else m_aAcqTimeStates.GetData()[i] = kAcqTimeNone;
+        }
+        m_bAcqTimesWritten = true;
+        return KV_OK;
+    });
+}
+
+// ---- attributes ----
+
+kv_result CKvQV8OutputFile_V02::SetImageAttributes(const SKvImageAttributes& attributes) {
+    if (attributes.uiBpcSignificant == 1) return KV_ERR_FAILED;
+    // An appended file keeps the frames it has.
+    const uint32_t existing = m_sAttributes.uiSequenceCount;
+    m_sAttributes = attributes;
+    if (m_sAttributes.uiSequenceCount < existing) m_sAttributes.uiSequenceCount = existing;
+    return KV_OK;
+}
+
+kv_result CKvQV8OutputFile_V02::_GetImageAttributes(SKvImageAttributes& attributes) {
+    attributes = m_sAttributes;
+    return KV_OK;
+}
+
+void CKvQV8OutputFile_V02::normaliseAttributes() {
+    SKvImageAttributes& a = m_sAttributes;
+    a.uiBpcInMemory = static_cast<uint8_t>((a.uiBpcInMemory + 7u) / 8u * 8u);
+    if (a.uiTileWidth == 0) a.uiTileWidth = a.uiWidth;
+    if (a.uiTileHeight == 0) a.uiTileHeight = a.uiHeight;
+    const uint64_t rowBytes = static_cast<uint64_t>(a.uiWidth) * a.uiComp * (a.uiBpcInMemory / 8u);
+    if (a.uiWidthBytes < rowBytes && rowBytes <= 0xFFFFFFFFull) a.uiWidthBytes = static_cast<uint32_t>(rowBytes);
+}
+
+kv_result CKvQV8OutputFile_V02::saveImageAttributes() {
+    return KvNoThrow([&]() -> kv_result {
+        normaliseAttributes();
+        CKvVariant tree;
+        const kv_result r = BuildNamedTree(tree, kAttributesTreeName, [&](CKvVariant& t) {
+            return SKvImageAttributes::SaveToVariant(t, m_sAttributes);
+        });
+        return r != KV_OK ? r : writeXmlChunk(tree, kChunkAttributes);
+    });
+}
+
+kv_result CKvQV8OutputFile_V03::saveImageAttributes() {
+    return KvNoThrow([&]() -> kv_result {
+        normaliseAttributes();
+        CKvLiteVariantW writer;
+        const kv_result r = SKvImageAttributes::SaveToLiteVariant(writer, m_sAttributes);
+        return r != KV_OK ? r : writeLiteChunk(writer, kChunkAttributesLV);
+    });
+}
+
+// ---- frames and times ----
+
+double CKvQV8OutputFile_V02::acqTime(uint32_t index) const {
+    if (static_cast<uint64_t>(index + 1ull) * sizeof(double) > m_aAcqTimes.GetSize()) return kNoAcqTime;
+    return kvbytes::LoadF64(m_aAcqTimes.GetData() + static_cast<uint64_t>(index) * sizeof(double));
+}
+
+uint8_t CKvQV8OutputFile_V02::acqTimeState(uint32_t index) const {
+    return index < m_aAcqTimeStates.GetSize() ? m_aAcqTimeStates.GetData()[index] : kAcqTimeNone;
+}
+
+kv_result CKvQV8OutputFile_V02::setTimeToAcqTimesCache(uint32_t index, double time, bool isSet) {
+    if (index > kMaxAcqTimeIndex) return KV_ERR_INVALID_ARG;
+    return KvNoThrow([&]() -> kv_result {
+        const uint64_t oldCount = m_aAcqTimeStates.GetSize();
+        if (index >= oldCount) {
+            const uint64_t count = static_cast<uint64_t>(index) + 1;
+            if (m_aAcqTimes.SetSize(count * sizeof(double)) != KV_OK) return KV_ERR_OUT_OF_MEMORY;
+            if (m_aAcqTimeStates.SetSize(count) != KV_OK) return KV_ERR_OUT_OF_MEMORY;
+            for (uint64_t i = oldCount; i < count; ++i) {
+                kvbytes::StoreF64(m_aAcqTimes.GetData() + i * sizeof(double), kNoAcqTime);
+                m_aAcqTimeStates.GetData()[i] = kAcqTimeNone;
+            }
+        }
+        kvbytes::StoreF64(m_aAcqTimes.GetData() + static_cast<uint64_t>(index) * sizeof(double), time);
+        m_aAcqTimeStates.GetData()[index] = isSet ? kAcqTimeSet : kAcqTimeNone;
+        m_bAcqTimesWritten = false;
+        return KV_OK;
+    });
+}
+
+kv_result CKvQV8OutputFile_V02::SetAcqTime(double time) {
+    return setTimeToAcqTimesCache(m_uiNextFrame, time, true);
+}
+
+kv_result CKvQV8OutputFile_V02::FlushData(uint32_t sequenceIndex, void* buffer, KvProgressCallback, void*) {
+    if (!buffer) return KV_ERR_INVALID_ARG;
+    return KvNoThrow([&]() -> kv_result {
+        const SKvImageAttributes& a = m_sAttributes;
+        if (!a.uiWidth || !a.uiHeight || !a.uiComp || !a.uiBpcInMemory) return KV_ERR_FAILED;
+        kv_result r = KV_OK;
+        if (a.uiSequenceCount == 0) r = saveImageAttributes();
+        else normaliseAttributes();
+        if (r != KV_OK) return r;
+        const uint64_t frameSize = a.FrameSize();
+        if (frameSize == 0 || frameSize > kMaxChunkBytes) return KV_ERR_INVALID_ARG;
+
+        double time = 0.0;
+        if (acqTimeState(sequenceIndex) != kAcqTimeNone) {
+            time = acqTime(sequenceIndex);
+            m_aAcqTimeStates.GetData()[sequenceIndex] = kAcqTimeWritten;
+        } else if (sequenceIndex <= kMaxAcqTimeIndex) {
+            // Frames past the cache's bound are written all the same, with no time.
+            r = setTimeToAcqTimesCache(sequenceIndex, kNoAcqTime, false);
+            if (r != KV_OK) return r;
+        }
+        r = writeFrame(sequenceIndex, buffer, static_cast<uint32_t>(frameSize), time);
+        if (r != KV_OK) return r;
+        if (m_sAttributes.uiSequenceCount < sequenceIndex + 1ull) m_sAttributes.uiSequenceCount = sequenceIndex + 1;
+        if (m_uiNextFrame < sequenceIndex + 1ull) m_uiNextFrame = sequenceIndex + 1;
+        return KV_OK;
+    });
+}
+
+kv_result CKvQV8OutputFile_V02::writeFrame(uint32_t sequenceIndex, const void* pixels, uint32_t frameSize,
+                                           double time) {
+    uint8_t prefix[kFramePrefixSize];
+    kvbytes::StoreF64(prefix, time);
+    const CKvStringA name = FormatIndexed(kChunkFrame, sequenceIndex);
+    if (m_sAttributes.eCompression != kCompressionZlib)
+        return m_pChunker->SetChunk(prefix, kFramePrefixSize, pixels, frameSize, name.c_str());
+
+    const uint64_t capacity = static_cast<uint64_t>(frameSize * kCompressGrowth) + kCompressSlack;
+    if (capacity > m_nCompressCapacity) {
+        m_pCompressBuffer.reset(new (std::nothrow) uint8_t[capacity]);
+        m_nCompressCapacity = m_pCompressBuffer ? capacity : 0;
+        if (!m_pCompressBuffer) return KV_ERR_OUT_OF_MEMORY;
+    }
+    uLongf packed = static_cast<uLongf>(capacity);
+    const int z = compress2(m_pCompressBuffer.get(), &packed, static_cast<const Bytef*>(pixels), frameSize,
+                            ZlibLevel(m_sAttributes.dCompressionParam));
+    if (z == Z_MEM_ERROR) return KV_ERR_OUT_OF_MEMORY;
+    if (z != Z_OK || packed > kMaxChunkBytes) return KV_ERR_FAILED;
+    return m_pChunker->SetChunk(prefix, kFramePrefixSize, m_pCompressBuffer.get(), static_cast<uint32_t>(packed),
+                                name.c_str());
+}
+
+kv_result CKvQV8OutputFile_V02::Finalize() {
+    if (m_bFinalized) return KV_OK;
+    return KvNoThrow([&]() -> kv_result {
+        const SKvImageAttributes& a = m_sAttributes;
+        const kv_result valid =
+            a.uiWidth && a.uiHeight && a.uiComp && a.uiBpcInMemory && a.uiBpcSignificant ? KV_OK : KV_ERR_FAILED;
+        kv_result r = KV_OK;
+        if (a.uiSequenceCount != 0) {
+            r = saveImageAttributes();
+            if (r != KV_OK) return r;
+        }
+
+        // Times of frames never written are not trustworthy: they are dropped.
+        const uint64_t count = std::min<uint64_t>(m_aAcqTimes.GetSize() / sizeof(double), m_aAcqTimeStates.GetSize());
+        bool anyWritten = false;
+        for (uint64_t i = 0; i < count; ++i) {
+            if (m_aAcqTimeStates.GetData()[i] == kAcqTimeWritten) anyWritten = true;
+            else kvbytes::StoreF64(m_aAcqTimes.GetData() + i * sizeof(double), kNoAcqTime);
+        }
+        if (anyWritten && !m_bAcqTimesWritten) {
+            r = writeBytesChunk(m_aAcqTimes.GetData(), count * sizeof(double), kChunkAcqTimes);
+            if (r != KV_OK) return r;
+            m_bAcqTimesWritten = true;
+        }
+
+        r = m_pChunker->Finalize();
+        if (r != KV_OK) return r;
+        m_bFinalized = true;
+        return valid;
+    });
+}
+
+// ---- chunk helpers ----
+
+kv_result CKvQV8OutputFile_V02::writeBytesChunk(const void* data, uint64_t size, const char* name) {
+    if (size > kMaxChunkBytes) return KV_ERR_INVALID_ARG;
+    if (size && !data) return KV_ERR_INVALID_ARG;
+    return m_pChunker->SetChunk(data, static_cast<uint32_t>(size), name);
+}
+
+kv_result CKvQV8OutputFile_V02::writeXmlChunk(const CKvVariant& tree, const char* name) {
+    CKvStringA document;
+    const kv_result r = CKvSerializerXMLString::DocumentToXML_UTF8(document, tree);
+    if (r != KV_OK) return r;
+    return writeBytesChunk(document.c_str(), document.Size(), name);
+}
+
+kv_result CKvQV8OutputFile_V02::writeLiteChunk(CKvLiteVariantW& writer, const char* name) {
+    CKvLiteVariantR encoded;
+    const kv_result r = writer.Finalize(encoded, 0);
+    if (r != KV_OK) return r;
+    return writeBytesChunk(encoded.GetData(), encoded.GetSize(), name);
+}
+
+CKvStringA CKvQV8OutputFile_V02::customChunkName(const char* pattern, const wchar_t* name, uint32_t index) {
+    // The wide name goes in as UTF-8 whatever the process locale; a "%" in
+    // it must not be taken for a conversion, so it is placed after formatting.
+    std::string text(pattern);
+    const size_t at = text.find("%ls");
+    const std::string before = text.substr(0, at);
+    const std::string after = text.substr(at + 3);
+    CKvStringA tail;
+    if (after.find('%') != std::string::npos) tail.Format(after.c_str(), index);
+    else tail = after.c_str();
+    return CKvStringA((before + CKvStringUtils::WtoUTF8(name).Std() + tail.Std()).c_str());
+}
+
+// ---- metadata ----
+
+kv_result CKvQV8OutputFile_V02::SetImageMetadata(const SKvExperiment& experiment, const CKvVariant*) {
+    return KvNoThrow([&]() -> kv_result {
+        CKvVariant tree;
+        const kv_result r = BuildNamedTree(tree, kExperimentTreeName,
+                                           [&](CKvVariant& t) { return SKvExperiment::SaveToVariant(t, experiment); });
+        return r != KV_OK ? r : writeXmlChunk(tree, kChunkExperiment);
+    });
+}
+
+kv_result CKvQV8OutputFile_V03::SetImageMetadata(const SKvExperiment& experiment, const CKvVariant*) {
+    return KvNoThrow([&]() -> kv_result {
+        CKvLiteVariantW writer;
+        const kv_result r = SKvExperiment::SaveToLiteVariant(writer, experiment);
+        return r != KV_OK ? r : writeLiteChunk(writer, kChunkExperimentLV);
+    });
+}
+
+// The frame's time comes with its metadata; a frame already written keeps
+// the state that marks its time as valid.
+static kv_result FeedMetadataTime(CKvQV8OutputFile_V02& file, uint32_t index, const SKvPictureMetadata& metadata,
+                                  CKvByteArray& states) {
+    if (std::isnan(metadata.dTimeAbsolute)) return KV_OK;
+    const bool written = index < states.GetSize() && states.GetData()[index] == kAcqTimeWritten;
+    const kv_result r = file.setTimeToAcqTimesCache(index, metadata.dTimeAbsolute, true);
+    if (r == KV_OK && written) states.GetData()[index] = kAcqTimeWritten;
+    return r;
+}
+
+kv_result CKvQV8OutputFile_V02::SetImageMetadata(uint32_t sequenceIndex, const SKvPictureMetadata& metadata,
+                                                 const CKvVariant*) {
+    return KvNoThrow([&]() -> kv_result {
+        kv_result r = FeedMetadataTime(*this, sequenceIndex, metadata, m_aAcqTimeStates);
+        if (r != KV_OK) return r;
+        CKvVariant tree;
+        r = BuildNamedTree(tree, kPictureMetaTreeName,
+                           [&](CKvVariant& t) { return SKvPictureMetadata::SaveToVariant(t, metadata); });
+        return r != KV_OK ? r : writeXmlChunk(tree, FormatIndexed(kChunkPictureMeta, sequenceIndex).c_str());
+    });
+}
+
+kv_result CKvQV8OutputFile_V03::SetImageMetadata(uint32_t sequenceIndex, const SKvPictureMetadata& metadata,
+                                                 const CKvVariant*) {
+    return KvNoThrow([&]() -> kv_result {
+        kv_result r = FeedMetadataTime(*this, sequenceIndex, metadata, m_aAcqTimeStates);
+        if (r != KV_OK) return r;
+        CKvLiteVariantW writer;
+        r = SKvPictureMetadata::SaveToLiteVariant(writer, metadata);
+        return r != KV_OK ? r : writeLiteChunk(writer, FormatIndexed(kChunkPictureMetaLV, sequenceIndex).c_str());
+    });
+}
+
+kv_result CKvQV8OutputFile_V02::SetImageTextInfo(const SKvImageTextInfo& info) {
+    return KvNoThrow([&]() -> kv_result {
+        CKvVariant tree;
+        const kv_result r = BuildNamedTree(tree, kTextInfoTreeName,
+                                           [&](CKvVariant& t) { return SKvImageTextInfo::SaveToVariant(t, info); });
+        return r != KV_OK ? r : writeXmlChunk(tree, kChunkTextInfo);
+    });
+}
+
+kv_result CKvQV8OutputFile_V03::SetImageTextInfo(const SKvImageTextInfo& info) {
+    return KvNoThrow([&]() -> kv_result {
+        CKvLiteVariantW writer;
+        const kv_result r = SKvImageTextInfo::SaveToLiteVariant(writer, info);
+        return r != KV_OK ? r : writeLiteChunk(writer, kChunkTextInfoLV);
+    });
+}
+
+// Events are XML in both versions.
+kv_result CKvQV8OutputFile_V02::SetImageEvents(const SKvExperimentRecord& record, const CKvVariant*) {
+    return KvNoThrow([&]() -> kv_result {
+        CKvVariant tree;
+        const kv_result r = BuildNamedTree(
+            tree, kEventsTreeName, [&](CKvVariant& t) { return SKvExperimentRecord::SaveToVariant(t, record); });
+        return r != KV_OK ? r : writeXmlChunk(tree, kChunkEvents);
+    });
+}
+
+kv_result CKvQV8OutputFile_V02::SetImageCalibration(uint32_t index, double calibration, double aspect, bool valid,
+                                                    const CKvStringW& objective) {
+    return KvNoThrow([&]() -> kv_result {
+        CKvVariant tree{CKvListVariant(), CKvStringW(kCalibrationTreeName)};
+        const bool appended = tree.Append(CKvVariant(valid ? calibration : 0.0, CKvStringW(L"dCalibration"))) &&
+                              tree.Append(CKvVariant(valid ? aspect : 1.0, CKvStringW(L"dAspect"))) &&
+                              tree.Append(CKvVariant(valid, CKvStringW(L"bValid"))) &&
+                              tree.Append(CKvVariant(objective, CKvStringW(L"sObjective")));
+        if (!appended) return KV_ERR_OUT_OF_MEMORY;
+        return writeXmlChunk(tree, FormatIndexed(kChunkCalibration, index).c_str());
+    });
+}
+
+kv_result CKvQV8OutputFile_V02::SetImageBinary(void* data) {
+    if (!data) return KV_ERR_INVALID_ARG;
+    const CKvByteArray& bytes = *static_cast<const CKvByteArray*>(data);
+    return KvNoThrow([&] { return writeBytesChunk(bytes.GetData(), bytes.GetSize(), kChunkBinary); });
+}
+
+// ---- custom data ----
+
+kv_result CKvQV8OutputFile_V02::SetCustomData(const wchar_t* name, const void* data, uint64_t size) {
+    if (!name) return KV_ERR_INVALID_ARG;
+    return KvNoThrow([&] { return writeBytesChunk(data, size, customChunkName(kChunkCustomData, name).c_str()); });
+}
+
+kv_result CKvQV8OutputFile_V02::SetCustomDataSeq(const wchar_t* name, uint32_t sequenceIndex, const void* data,
+                                                 uint64_t size) {
+    if (!name) return KV_ERR_INVALID_ARG;
+    return KvNoThrow([&] {
+        return writeBytesChunk(data, size, customChunkName(kChunkCustomDataSeq, name, sequenceIndex).c_str());
+    });
+}
+
+kv_result CKvQV8OutputFile_V02::SetCustomDataVar(const wchar_t* name, const CKvVariant* tree) {
+    if (!name || !tree) return KV_ERR_INVALID_ARG;
+    return KvNoThrow(
+        [&] { return writeVariantChunk(*tree, name, customChunkName(kChunkCustomDataVar, name).c_str()); });
+}
+
+kv_result CKvQV8OutputFile_V02::writeVariantChunk(const CKvVariant& tree, const wchar_t*, const char* chunkName) {
+    return writeXmlChunk(tree, chunkName);
+}
+
+kv_result CKvQV8OutputFile_V03::writeVariantChunk(const CKvVariant& tree, const wchar_t* name,
+                                                  const char* chunkName) {
+    CKvLiteVariantW writer;
+    const kv_result r = writer.Set(tree, name);
+    return r != KV_OK ? r : writeLiteChunk(writer, chunkName);
+}
+
+// ---- reading back ----
+
+CKvQV8InputFile_V02* CKvQV8OutputFile_V02::newInputFile(std::unique_ptr<CKvFileChunker> chunker) {
+    return new CKvQV8InputFile_V02(m_pFormat, std::move(chunker));
+}
+
+CKvQV8InputFile_V02* CKvQV8OutputFile_V03::newInputFile(std::unique_ptr<CKvFileChunker> chunker) {
+    return new CKvQV8InputFile_V03(m_pFormat, std::move(chunker));
+}
+
+kv_result CKvQV8OutputFile_V02::CreateInputImageFile(uint32_t flags, IKvInputImageFile*& file, const SKvExperiment*) {
+    file = nullptr;
+    if (flags != 0) return KV_ERR_INVALID_ARG;
+    return KvNoThrow([&]() -> kv_result {
+        // The reader opens the file on a stream of its own: what this writer
+        // has buffered must reach the file first.
+        FILE* stream = m_pChunker->Storage().Stream();
+        if (stream && std::fflush(stream) != 0) return KV_ERR_FAILED;
+
+        // The map comes from the writer: the file has none until Finalize.
+        auto chunker = std::make_unique<CKvFileChunker>();
+        kv_result r = chunker->SetMapChunk(m_pChunker.get());
+        if (r != KV_OK) return r;
+        CKvStringA version;
+        r = chunker->Initialize_File(m_strFileName.c_str(), true, false, version);
+        if (r != KV_OK) return r;
+        CKvQV8InputFile_V02* reader = newInputFile(std::move(chunker));
+        // The stored attributes may predate the last frames.
+        reader->SetTotalSequenceCount(m_sAttributes.uiSequenceCount);
+        file = reader;
+        return KV_OK;
+    });
+}
+
+// ---- version 3 ----
+
+CKvQV8OutputFile_V03::CKvQV8OutputFile_V03(IKvImageFormat* format, const CKvStringW& fileName, bool existed,
+                                           std::unique_ptr<CKvFileChunker> chunker)
+    : CKvQV8OutputFile_V02(format, fileName, existed, std::move(chunker), true) {}
+
+CKvQV8OutputFile_V03::~CKvQV8OutputFile_V03() = default;
