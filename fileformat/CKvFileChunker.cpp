@@ -1,12 +1,16 @@
 // Chunk container: reading, writing, appending and map recovery.
 #include "fileformat/CKvFileChunker.h"
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
 #include "gnr_system/KvBytes.h"
 
 namespace {
+
+// Parts up to this size are read together with their chunk's header.
+constexpr uint64_t kSmallPartLimit = 64 * 1024;
 
 uint64_t RoundUpToPage(uint64_t n) { return (n + kPageSize - 1) / kPageSize * kPageSize; }
 
@@ -155,7 +159,7 @@ kv_result CKvFileChunker::OpenCommon(bool readOnly, bool openExisting, CKvString
     if (openExisting) return OpenForAppending(version);
 
     // A new container: whatever the storage held before is replaced.
-    m_mapChunks.clear();
+    m_mapChunks.Clear();
     kv_result r = WriteSignature(version);
     if (r == KV_OK) r = m_storage.SetEOF();
     return r;
@@ -165,7 +169,7 @@ kv_result CKvFileChunker::OpenForAppending(CKvStringA& version) {
     uint64_t size = 0;
     if (StorageSize(size) != KV_OK) return KV_ERR_FAILED;
     if (size == 0) {
-        m_mapChunks.clear();
+        m_mapChunks.Clear();
         return WriteSignature(version);
     }
 
@@ -175,7 +179,7 @@ kv_result CKvFileChunker::OpenForAppending(CKvStringA& version) {
     if (CheckSignature(existing) != KV_OK) return KV_ERR_FAILED;
     version = existing;
     if (ReadChunkMap() != KV_OK) {
-        m_mapChunks.clear();
+        m_mapChunks.Clear();
         m_bChunkMapMissing = true;
         return KV_ERR_NOT_FOUND;
     }
@@ -220,39 +224,21 @@ kv_result CKvFileChunker::ReadChunkMap() {
     if (std::memcmp(trailer, kChunkMapSignature.data(), kChunkMapSignature.size()) != 0) return KV_ERR_FAILED;
     uint64_t position = kvbytes::LoadU64(trailer + kChunkMapSignature.size());
 
+    // Header and name are checked against the storage; the data is read
+    // once into the array the map keeps its names in.
     SKvChunkHeader header;
     CKvStringA name;
-    CKvByteArray data;
-    kv_result r = ReadChunkAt(position, header, name, &data);
+    kv_result r = ReadChunkAt(position, header, name, nullptr);
     if (r != KV_OK) return r;
-    return ParseChunkMap(data);
-}
-
-kv_result CKvFileChunker::ParseChunkMap(const CKvByteArray& data) {
-    m_mapChunks.clear();
-    CKvByteCursor cursor(data.GetData(), static_cast<size_t>(data.GetSize()));
-    while (!cursor.AtEnd()) {
-        const size_t length = cursor.FindByte('!', kMaxChunkNameLength + 1);
-        const std::string_view text(reinterpret_cast<const char*>(cursor.Current()),
-                                    length < cursor.Remaining() ? length : cursor.Remaining());
-        if (text == kMapEntriesEnd) return KV_OK;
-        // The name must end in "!" within the length limit, and its position
-        // and size must follow in full.
-        if (length >= cursor.Remaining() || cursor.Current()[length] != '!') return KV_ERR_FAILED;
-        cursor.Skip(length + 1);
-        SKvChunkMapMember member;
-        if (!cursor.ReadU64(member.position) || !cursor.ReadU64(member.size)) return KV_ERR_FAILED;
-        CKvStringA key(text.data(), text.size() + 1);  // the name with its "!"
-        // Entries come in descending order, so each new one goes in front;
-        // of a name stored twice the first entry wins.
-        m_mapChunks.try_emplace(m_mapChunks.begin(), std::move(key), member);
-    }
-    return KV_ERR_FAILED;  // the entries ran out without the closing signature
+    if (header.dataLength > UINT32_MAX) return KV_ERR_FAILED;
+    std::vector<uint8_t> data(static_cast<size_t>(header.dataLength));
+    if (ReadExact(data.data(), data.size()) != KV_OK) return KV_ERR_FAILED;
+    return m_mapChunks.Load(std::move(data), kMapEntriesEnd, kMaxChunkNameLength);
 }
 
 kv_result CKvFileChunker::WriteChunkMap() {
     uint64_t entriesSize = 0;
-    for (const auto& entry : m_mapChunks) entriesSize += entry.first.Size() + 16;
+    for (const auto& entry : m_mapChunks) entriesSize += entry.first.size() + 16;
     const uint64_t position = m_nAppendPosition;
     const uint64_t fixed = kChunkHeaderSize + kChunkMapChunkName.size() + 2 * kChunkMapTrailerSize;
     const uint64_t zeros = RoundUpToPage(fixed + entriesSize) - (fixed + entriesSize);
@@ -260,19 +246,22 @@ kv_result CKvFileChunker::WriteChunkMap() {
     if (dataSize > UINT32_MAX) return KV_ERR_FAILED;
 
     std::vector<uint8_t> buffer(static_cast<size_t>(dataSize), 0);
-    uint8_t* out = buffer.data();
-    for (auto it = m_mapChunks.rbegin(); it != m_mapChunks.rend(); ++it) {
-        std::memcpy(out, it->first.c_str(), it->first.Size());
-        out += it->first.Size();
-        kvbytes::StoreU64(out, it->second.position);
-        kvbytes::StoreU64(out + 8, it->second.size);
-        out += 16;
+    // Entries are stored in descending order: the map is walked upwards and
+    // filled from the end of the entries back.
+    uint8_t* const out = buffer.data() + entriesSize;
+    uint8_t* entry = out;
+    for (const auto& [name, member] : m_mapChunks) {
+        entry -= name.size() + 16;
+        std::memcpy(entry, name.data(), name.size());
+        kvbytes::StoreU64(entry + name.size(), member.position);
+        kvbytes::StoreU64(entry + name.size() + 8, member.size);
     }
     for (uint8_t* block : {out, buffer.data() + dataSize - kChunkMapTrailerSize}) {
         std::memcpy(block, kChunkMapSignature.data(), kChunkMapSignature.size());
         kvbytes::StoreU64(block + kChunkMapSignature.size(), position);
     }
     kv_result r = WriteChunk(buffer.data(), dataSize, nullptr, 0, kChunkMapChunkName);
+    if (r == KV_OK) r = SeekTo(m_nAppendPosition);
     if (r != KV_OK) return r;
     return m_storage.SetEOF();
 }
@@ -319,7 +308,8 @@ kv_result CKvFileChunker::WriteExact(const void* buffer, uint64_t size) {
 // after it is taken as the chunk start and `position` moves there.
 kv_result CKvFileChunker::ReadHeader(SKvChunkHeader& header, uint64_t& position) {
     uint8_t raw[kChunkHeaderSize];
-    if (SeekTo(position) != KV_OK || ReadExact(raw, sizeof raw) != KV_OK) return KV_ERR_FAILED;
+    uint64_t got = 0;
+    if (m_storage.ReadAt(position, raw, sizeof raw, &got) != KV_OK || got != sizeof raw) return KV_ERR_FAILED;
     header = DecodeHeader(raw);
     if (header.magic == kChunkMagic) return KV_OK;
 
@@ -373,6 +363,8 @@ kv_result CKvFileChunker::ReadChunkAt(uint64_t& position, SKvChunkHeader& header
     available -= header.nameLength;
     if (header.dataLength > available) return KV_ERR_FAILED;
 
+    // The header was read without moving the stream; name and data follow it.
+    if (SeekTo(position + kChunkHeaderSize) != KV_OK) return KV_ERR_FAILED;
     m_strNameField.resize(header.nameLength);
     if (ReadExact(&m_strNameField[0], header.nameLength) != KV_OK) return KV_ERR_FAILED;
     name = CKvStringA(m_strNameField.c_str(), strnlen(m_strNameField.c_str(), m_strNameField.size()));
@@ -392,10 +384,7 @@ kv_result CKvFileChunker::ReadChunkAt(uint64_t& position, SKvChunkHeader& header
 kv_result CKvFileChunker::FindChunk(const char* name, SKvChunkMapMember& member) const {
     if (!name) return KV_ERR_INVALID_ARG;
     const NormalisedName key(name);
-    auto it = m_mapChunks.find(key.View());
-    if (it == m_mapChunks.end()) return KV_ERR_NOT_FOUND;
-    member = it->second;
-    return KV_OK;
+    return m_mapChunks.Find(key.View(), member) ? KV_OK : KV_ERR_NOT_FOUND;
 }
 
 // ---- reading ----
@@ -443,10 +432,10 @@ kv_result CKvFileChunker::GetChunkPart(SKvChunkHeader& header, CKvByteArray& dat
         const kv_result r = LocatePart(header, offset, size, name, at);
         if (r != KV_OK) return r;
         if (size == 0) return data.SetSize(0);
-        if (SeekTo(at) != KV_OK) return KV_ERR_FAILED;
         const uint64_t previousSize = data.GetSize();
         if (data.SetSize(size) != KV_OK) return KV_ERR_OUT_OF_MEMORY;
-        if (ReadExact(data.GetData(), size) != KV_OK) {
+        uint64_t got = 0;
+        if (m_storage.ReadAt(at, data.GetData(), size, &got) != KV_OK || got != size) {
             data.SetSize(previousSize);
             return KV_ERR_FAILED;
         }
@@ -458,38 +447,72 @@ kv_result CKvFileChunker::ReadChunkPart(SKvChunkHeader& header, void* buffer, ui
                                         const char* name) {
     if (!buffer && size) return KV_ERR_INVALID_ARG;
     return KvNoThrow([&]() -> kv_result {
+        if (header.magic == 0 && size <= kSmallPartLimit && offset <= kPageSize) {
+            // A small part is read with the chunk's header in one request.
+            SKvChunkMapMember member;
+            const kv_result found = FindChunk(name, member);
+            if (found != KV_OK) return found;
+            if (ReadSmallPart(member, header, buffer, offset, size)) return KV_OK;
+        }
         uint64_t at = 0;
         const kv_result r = LocatePart(header, offset, size, name, at);
         if (r != KV_OK || size == 0) return r;
-        if (SeekTo(at) != KV_OK || ReadExact(buffer, size) != KV_OK) return KV_ERR_FAILED;
+        uint64_t got = 0;
+        if (m_storage.ReadAt(at, buffer, size, &got) != KV_OK || got != size) return KV_ERR_FAILED;
         return KV_OK;
     });
+}
+
+// Reads the header and the part's bytes in one request, on the bet that the
+// name field is shorter than a page (always so for names the map can hold).
+// False, with `buffer` untouched, when the bet fails or anything is out of
+// place: the caller then takes the careful path, which reports the damage.
+bool CKvFileChunker::ReadSmallPart(const SKvChunkMapMember& member, SKvChunkHeader& header, void* buffer,
+                                   uint64_t offset, uint64_t size) {
+    // The part must start within the chunk's first page: chunk parts written
+    // after a page-aligned first part then cost no page more than they span.
+    const uint64_t want = kPageSize + size;
+    if (m_aWindow.size() < want) m_aWindow.resize(static_cast<size_t>(want));
+    uint64_t got = 0;
+    if (m_storage.ReadAt(member.position, m_aWindow.data(), want, &got) != KV_OK || got < kChunkHeaderSize)
+        return false;
+    const SKvChunkHeader read = DecodeHeader(m_aWindow.data());
+    if (read.magic != kChunkMagic) return false;
+    if (offset > read.dataLength || size > read.dataLength - offset) return false;
+    const uint64_t start = kChunkHeaderSize + static_cast<uint64_t>(read.nameLength) + offset;
+    if (start > got || size > got - start) return false;  // also when the name field is a page or more
+    if (size) std::memcpy(buffer, m_aWindow.data() + start, static_cast<size_t>(size));
+    header = read;
+    return true;
 }
 
 kv_result CKvFileChunker::GetChunkHeader(SKvChunkHeader& header, const char* name) {
     return KvNoThrow([&]() -> kv_result {
         SKvChunkHeader read;
         uint64_t at = 0;
-        const kv_result r = LocatePart(read, 0, 0, name, at);
+        kv_result r = LocatePart(read, 0, 0, name, at);
+        if (r == KV_OK) r = LocatePart(read, 0, read.dataLength, name, at);  // the data is all there
         if (r == KV_OK) header = read;
         return r;
     });
 }
 
 bool CKvFileChunker::ExistChunk(const char* name) const {
-    return name && m_mapChunks.find(std::string_view(name)) != m_mapChunks.end();
+    SKvChunkMapMember member;
+    return name && m_mapChunks.Find(std::string_view(name), member);
 }
 
 kv_result CKvFileChunker::GetNextChunkID(CKvStringA& name, const char* after) const {
     return KvNoThrow([&]() -> kv_result {
         auto it = m_mapChunks.begin();
         if (after && *after) {
-            it = m_mapChunks.find(std::string_view(after));
-            if (it == m_mapChunks.end()) return KV_ERR_NOT_FOUND;
-            ++it;
+            SKvChunkMapMember member;
+            if (!m_mapChunks.Find(std::string_view(after), member)) return KV_ERR_NOT_FOUND;
+            it = m_mapChunks.upper_bound(std::string_view(after));
         }
         if (it == m_mapChunks.end()) return KV_ERR_NOT_FOUND;
-        name = it->first;
+        const std::string_view next = (*it).first;
+        name = CKvStringA(next.data(), next.size());
         return KV_OK;
     });
 }
@@ -523,31 +546,40 @@ kv_result CKvFileChunker::SetChunk(const void* data1, uint32_t size1, const void
     });
 }
 
-// Writes header, name, name padding and the first part of a chunk. The pages
-// that hold the header are assembled in the scratch array; the rest of the
-// first part, whole pages by construction, goes straight from the caller.
-kv_result CKvFileChunker::WriteChunkStart(const void* data1, uint64_t size1, bool moreData, uint64_t dataLength,
-                                          std::string_view name, uint64_t& position) {
-    kv_result r = SeekToAppendPosition();
-    if (r != KV_OK) return r;
-    position = m_nAppendPosition;
-
+// Builds in the scratch array the pages that hold a chunk's header, name,
+// name padding and the start of its first part; answers their length.
+// `firstInHead` gets the bytes of the first part they hold: the rest of it
+// is whole pages by construction.
+uint64_t CKvFileChunker::AssembleHead(const void* data1, uint64_t size1, bool moreData, uint64_t dataLength,
+                                      std::string_view name, uint64_t& firstInHead) {
     const uint64_t first = data1 ? size1 : 0;
     // Padding makes the first part end on a page boundary; a chunk with only
     // later parts is padded too, so that they start on one.
     const uint64_t padding = (first > 0 || moreData) ? NamePadding(name.size(), first) : 0;
     const uint64_t headBlock = kChunkHeaderSize + name.size() + padding;
-    const uint64_t firstInHead = first == 0 ? 0 : (RoundUpToPage(headBlock) - headBlock);
+    firstInHead = first == 0 ? 0 : std::min(first, RoundUpToPage(headBlock) - headBlock);
     const uint64_t headPages = RoundUpToPage(headBlock + firstInHead);
 
-    if (m_aAssembly.SetSize(headPages) != KV_OK) return KV_ERR_OUT_OF_MEMORY;
+    if (m_aAssembly.SetSize(headPages) != KV_OK) return 0;
     uint8_t* out = m_aAssembly.GetData();
     std::memset(out, 0, static_cast<size_t>(headPages));
     EncodeHeader(out, SKvChunkHeader{kChunkMagic, static_cast<uint32_t>(name.size() + padding), dataLength});
     std::memcpy(out + kChunkHeaderSize, name.data(), name.size());
     if (firstInHead) std::memcpy(out + headBlock, data1, static_cast<size_t>(firstInHead));
+    return headPages;
+}
 
-    r = WriteExact(out, headPages);
+// Writes the start of a streamed chunk: header pages and its first part.
+kv_result CKvFileChunker::WriteChunkStart(const void* data1, uint64_t size1, bool moreData, uint64_t dataLength,
+                                          std::string_view name, uint64_t& position) {
+    kv_result r = SeekToAppendPosition();
+    if (r != KV_OK) return r;
+    position = m_nAppendPosition;
+    const uint64_t first = data1 ? size1 : 0;
+    uint64_t firstInHead = 0;
+    const uint64_t headPages = AssembleHead(data1, first, moreData, dataLength, name, firstInHead);
+    if (headPages == 0) return KV_ERR_OUT_OF_MEMORY;
+    r = WriteExact(m_aAssembly.GetData(), headPages);
     if (r == KV_OK && first > firstInHead)
         r = WriteExact(static_cast<const uint8_t*>(data1) + firstInHead, first - firstInHead);
     if (r != KV_OK) {
@@ -558,34 +590,35 @@ kv_result CKvFileChunker::WriteChunkStart(const void* data1, uint64_t size1, boo
     return KV_OK;
 }
 
-// Writes data that starts on a page boundary: its whole pages directly,
-// its last partial page through a zeroed page.
-kv_result CKvFileChunker::WriteTailPages(const void* data, uint64_t size) {
-    const uint64_t whole = size / kPageSize * kPageSize;
-    const uint64_t rest = size - whole;
-    kv_result r = WriteExact(data, whole);
-    if (r == KV_OK && rest) {
-        uint8_t page[kPageSize] = {};
-        std::memcpy(page, static_cast<const uint8_t*>(data) + whole, static_cast<size_t>(rest));
-        r = WriteExact(page, kPageSize);
-    }
-    if (r != KV_OK) {
-        m_bAtAppendPosition = false;
-        return r;
-    }
-    m_nAppendPosition += RoundUpToPage(size);
-    return KV_OK;
-}
-
+// A whole chunk in one gathered write: header pages, the rest of the first
+// part, the whole pages of the second part and its last page zero-padded.
 kv_result CKvFileChunker::WriteChunk(const void* data1, uint64_t size1, const void* data2, uint64_t size2,
                                      std::string_view name) {
     const uint64_t first = data1 ? size1 : 0;
     const uint64_t second = data2 ? size2 : 0;
-    uint64_t position = 0;
-    kv_result r = WriteChunkStart(data1, first, second > 0, first + second, name, position);
-    if (r == KV_OK && second) r = WriteTailPages(data2, second);
+    const uint64_t position = m_nAppendPosition;
+    uint64_t firstInHead = 0;
+    const uint64_t headPages = AssembleHead(data1, first, second > 0, first + second, name, firstInHead);
+    if (headPages == 0) return KV_ERR_OUT_OF_MEMORY;
+
+    const uint64_t secondWhole = second / kPageSize * kPageSize;
+    const uint64_t secondRest = second - secondWhole;
+    uint8_t tail[kPageSize];
+    if (secondRest) {
+        std::memcpy(tail, static_cast<const uint8_t*>(data2) + secondWhole, static_cast<size_t>(secondRest));
+        std::memset(tail + secondRest, 0, static_cast<size_t>(kPageSize - secondRest));
+    }
+    const SKvIoPart parts[] = {
+        {m_aAssembly.GetData(), headPages},
+        {first > firstInHead ? static_cast<const uint8_t*>(data1) + firstInHead : nullptr, first - firstInHead},
+        {data2, secondWhole},
+        {tail, secondRest ? kPageSize : 0},
+    };
+    m_bAtAppendPosition = false;  // the gathered write leaves the stream position undefined
+    kv_result r = m_storage.WriteAt(position, parts, sizeof parts / sizeof parts[0]);
     if (r != KV_OK) return r;
-    m_mapChunks.insert_or_assign(CKvStringA(name.data(), name.size()), SKvChunkMapMember{position, first + second});
+    m_nAppendPosition = position + headPages + (first - firstInHead) + RoundUpToPage(second);
+    m_mapChunks.Set(name, SKvChunkMapMember{position, first + second});
     return KV_OK;
 }
 
@@ -619,8 +652,7 @@ kv_result CKvFileChunker::SetChunkPart(const void* data1, uint32_t size1, const 
             uint64_t position = 0;
             r = WriteChunkStart(data1, first, restSize > 0, first + restSize, key.View(), position);
             if (r != KV_OK) return r;
-            m_mapChunks.insert_or_assign(CKvStringA(key.View().data(), key.View().size()),
-                                         SKvChunkMapMember{position, first + restSize});
+            m_mapChunks.Set(key.View(), SKvChunkMapMember{position, first + restSize});
             m_strStreamedChunk = CKvStringA(key.View().data(), key.View().size());
         }
 
@@ -733,7 +765,7 @@ kv_result CKvFileChunker::ScanChunks(KvChunkCallback onChunk, void* userData, Kv
         const uint64_t length = kChunkHeaderSize + header.nameLength + header.dataLength;
         // A chunk whose name the map cannot hold was not written by a chunker; it
         // is passed over but still counts as the end of the good data.
-        if (IsStorableName(name.View())) m_mapChunks.insert_or_assign(name, SKvChunkMapMember{position, length});
+        if (IsStorableName(name.View())) m_mapChunks.Set(name.View(), SKvChunkMapMember{position, length});
         next = position + length;
         appendPosition = RoundUpToPage(next);
         if (progress) {
@@ -766,7 +798,7 @@ kv_result CKvFileChunker::CreateMissingChunkMap(KvChunkCallback onChunk, void* u
         if (!m_storage.IsOpen()) return KV_ERR_FAILED;
         kv_result r = ReopenStorage(true);
         if (r != KV_OK) return r;
-        m_mapChunks.clear();
+        m_mapChunks.Clear();
         m_nPendingBytes = 0;
         m_strStreamedChunk.Empty();
 

@@ -4,10 +4,11 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
+#include <vector>
 #include <string_view>
 
+#include "fileformat/CKvChunkMap.h"
 #include "fileformat/CKvFileMemoWrapper.h"
 #include "gnr_system/CKvByteArray.h"
 #include "gnr_system/CKvString.h"
@@ -47,14 +48,6 @@ struct SKvChunkHeader {
     uint64_t dataLength = 0;  // bytes of data after the name field
 };
 
-// Where a chunk is. `size` is the data length for chunks written by the
-// container and header + name + data for chunks found by a recovery scan;
-// readers take lengths from the chunk header and use only the position.
-struct SKvChunkMapMember {
-    uint64_t position = 0;  // file offset of the chunk header
-    uint64_t size = 0;
-};
-
 // Called for every chunk a recovery scan finds, and afterwards to add chunks.
 typedef int (*KvChunkCallback)(SKvChunkHeader& header, CKvStringA& name, CKvByteArray& data, void* userData);
 // Progress in [0, 1]; answering true cancels the operation with -8.
@@ -62,7 +55,7 @@ typedef bool (*KvProgressCallback)(double fraction, void* userData);
 
 class CKvFileChunker {
 public:
-    using ChunkMap = std::map<CKvStringA, SKvChunkMapMember, CKvStringALess>;
+    using ChunkMap = CKvChunkMap;
 
     CKvFileChunker();
     // Copies the storage (sharing its stream or array), the map and the flags.
@@ -95,7 +88,8 @@ public:
     // The same into the caller's `buffer` of at least `size` bytes, with no
     // copy in between; the buffer is untouched on failure before the read.
     kv_result ReadChunkPart(SKvChunkHeader& header, void* buffer, uint64_t offset, uint64_t size, const char* name);
-    // The header of a chunk (its data length, say): -13 unknown, -9 damaged.
+    // The header of a chunk (its data length, say): -13 unknown, -9 damaged,
+    // which includes data that would run past the end of the storage.
     kv_result GetChunkHeader(SKvChunkHeader& header, const char* name);
     // True when the map holds exactly `name`; no "!" is appended here.
     bool ExistChunk(const char* name) const;
@@ -144,7 +138,6 @@ private:
     kv_result CheckSignature(CKvStringA& version);
     kv_result WriteSignature(const CKvStringA& version);
     kv_result ReadChunkMap();
-    kv_result ParseChunkMap(const CKvByteArray& data);
     kv_result WriteChunkMap();
     kv_result ScanChunks(KvChunkCallback onChunk, void* userData, KvProgressCallback progress, uint64_t& appendPosition);
     kv_result AddChunksFromCallback(KvChunkCallback onChunk, void* userData);
@@ -163,7 +156,10 @@ private:
     kv_result WriteChunk(const void* data1, uint64_t size1, const void* data2, uint64_t size2, std::string_view name);
     kv_result WriteChunkStart(const void* data1, uint64_t size1, bool moreData, uint64_t dataLength,
                               std::string_view name, uint64_t& position);
-    kv_result WriteTailPages(const void* data, uint64_t size);
+    uint64_t AssembleHead(const void* data1, uint64_t size1, bool moreData, uint64_t dataLength,
+                          std::string_view name, uint64_t& firstInHead);
+    bool ReadSmallPart(const SKvChunkMapMember& member, SKvChunkHeader& header, void* buffer, uint64_t offset,
+                       uint64_t size);
     kv_result FlushPendingPage();
     kv_result ReopenStorage(bool readOnly);
 
@@ -176,6 +172,7 @@ private:
     CKvStringA m_strStreamedChunk;     // the chunk SetChunkPart is filling
     CKvByteArray m_aAssembly;          // header, name and first data pages of a chunk being written
     std::string m_strNameField;        // name field of the chunk being read
+    std::vector<uint8_t> m_aWindow;    // a small chunk part read together with its header
     CKvByteArray* m_pMemory = nullptr; // the array of memory storage, for reopening it
     uint64_t m_nReadOnlySize = 0;      // size of read-only file storage, taken when it was opened
     uint64_t m_nAppendPosition = 0;    // where the next chunk is written: the end of the chunks

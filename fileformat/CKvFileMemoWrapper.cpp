@@ -2,6 +2,12 @@
 // that behaves like a file (writes at the position, extends it, can be cut).
 #include "fileformat/CKvFileMemoWrapper.h"
 
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
 #include <cstring>
 #include <cwchar>
 
@@ -161,6 +167,81 @@ kv_result CKvFileMemoWrapper::SeekFile(int64_t offset, uint32_t origin) {
         return KV_ERR_FAILED;
     }
     m_pByteArray->SetCurrentOffset(target);
+    return KV_OK;
+}
+
+kv_result CKvFileMemoWrapper::ReadAt(uint64_t position, void* buffer, uint64_t size, uint64_t* read) {
+    if (!read || (!buffer && size)) return KV_ERR_INVALID_ARG;
+    *read = 0;
+    if (!IsFile()) {
+        if (!m_pByteArray) return KV_ERR_FAILED;
+        const uint64_t have = m_pByteArray->GetSize();
+        if (position >= have || size == 0) return KV_OK;
+        const uint64_t n = std::min(have - position, size);
+        std::memcpy(buffer, m_pByteArray->GetData() + position, static_cast<size_t>(n));
+        *read = n;
+        return KV_OK;
+    }
+    FILE* stream = Stream();
+    if (!stream || position > static_cast<uint64_t>(INT64_MAX)) return KV_ERR_FAILED;
+    // The stream may hold bytes written but not yet passed to the system.
+    if (!m_bReadOnly && std::fflush(stream) != 0) return KV_ERR_FAILED;
+    const int fd = fileno(stream);
+    auto* out = static_cast<uint8_t*>(buffer);
+    while (*read < size) {
+        const size_t piece = static_cast<size_t>(std::min<uint64_t>(size - *read, kReadPiece));
+        const ssize_t got = pread(fd, out + *read, piece, static_cast<off_t>(position + *read));
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return KV_ERR_FAILED;
+        if (got == 0) break;  // the end of the file
+        *read += static_cast<uint64_t>(got);
+    }
+    return KV_OK;
+}
+
+kv_result CKvFileMemoWrapper::WriteAt(uint64_t position, const SKvIoPart* parts, size_t count) {
+    if (!parts && count) return KV_ERR_INVALID_ARG;
+    if (!IsFile()) {
+        if (SeekFile(static_cast<int64_t>(std::min<uint64_t>(position, INT64_MAX)), 0) != KV_OK) return KV_ERR_FAILED;
+        for (size_t i = 0; i < count; ++i) {
+            uint64_t written = 0;
+            if (parts[i].size && (WriteFile(parts[i].data, parts[i].size, &written) != KV_OK || written != parts[i].size))
+                return KV_ERR_FAILED;
+        }
+        return KV_OK;
+    }
+    FILE* stream = Stream();
+    if (!stream || m_bReadOnly || position > static_cast<uint64_t>(INT64_MAX)) return KV_ERR_FAILED;
+    if (std::fflush(stream) != 0) return KV_ERR_FAILED;
+    constexpr size_t kMaxParts = 8;
+    if (count > kMaxParts) return KV_ERR_INVALID_ARG;
+    iovec vectors[kMaxParts];
+    size_t used = 0;
+    for (size_t i = 0; i < count; ++i) {
+        if (parts[i].size == 0) continue;
+        if (parts[i].size > static_cast<uint64_t>(SSIZE_MAX)) return KV_ERR_INVALID_ARG;
+        vectors[used++] = iovec{const_cast<void*>(parts[i].data), static_cast<size_t>(parts[i].size)};
+    }
+    const int fd = fileno(stream);
+    iovec* next = vectors;
+    uint64_t at = position;
+    while (used > 0) {
+        const ssize_t done = pwritev(fd, next, static_cast<int>(used), static_cast<off_t>(at));
+        if (done < 0 && errno == EINTR) continue;
+        if (done <= 0) return KV_ERR_FAILED;
+        at += static_cast<uint64_t>(done);
+        // A short write: step over what went out and go on with the rest.
+        size_t left = static_cast<size_t>(done);
+        while (used > 0 && left >= next->iov_len) {
+            left -= next->iov_len;
+            ++next;
+            --used;
+        }
+        if (used > 0) {
+            next->iov_base = static_cast<uint8_t*>(next->iov_base) + left;
+            next->iov_len -= left;
+        }
+    }
     return KV_OK;
 }
 

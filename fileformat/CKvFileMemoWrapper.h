@@ -11,6 +11,12 @@
 #include "gnr_system/KvFile.h"
 #include "gnr_system/KvResult.h"
 
+// One piece of a gathered write.
+struct SKvIoPart {
+    const void* data;
+    uint64_t size;
+};
+
 class CKvFileMemoWrapper {
 public:
     static constexpr size_t kMaxFileName = 4096;         // wide characters kept of a file name
@@ -43,6 +49,16 @@ public:
     // end (memory: size - offset). Memory refuses positions outside [0, size]
     // for origins 1 and 2 with -9 and keeps the position.
     kv_result SeekFile(int64_t offset, uint32_t origin);
+    // Reads up to `size` bytes at `position` without using the stream's
+    // position: one pread for a file (stdio output not yet written is
+    // flushed first, and buffered input dropped). `*read` gets the count,
+    // short only at the end of the storage; -9 for an I/O error.
+    kv_result ReadAt(uint64_t position, void* buffer, uint64_t size, uint64_t* read);
+    // Writes `count` parts one after the other at `position`, for a file in
+    // one pwritev where the system allows. The stream position is not
+    // defined afterwards: seek before the next ReadFile or WriteFile.
+    // -9 when not everything was written.
+    kv_result WriteAt(uint64_t position, const SKvIoPart* parts, size_t count);
     kv_result FilePosition(uint64_t* position);
     // Current size of the storage in bytes.
     kv_result GetSize(uint64_t* size);

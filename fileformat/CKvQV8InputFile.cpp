@@ -3,6 +3,8 @@
 // size the attributes give.
 #include "fileformat/CKvQV8InputFile.h"
 
+#include <charconv>
+
 #include <zlib.h>
 
 #include <algorithm>
@@ -41,6 +43,18 @@ uint64_t CheckedPixelRowBytes(const SKvImageAttributes& a) {
     if (a.FrameSize() > static_cast<uint64_t>(SIZE_MAX / 2)) return 0;
     return static_cast<uint64_t>(row);
 }
+
+}  // namespace
+
+SKvFrameChunkName::SKvFrameChunkName(uint32_t index) {
+    static constexpr std::string_view kPrefix = "ImageDataSeq|";
+    std::memcpy(text, kPrefix.data(), kPrefix.size());
+    char* end = std::to_chars(text + kPrefix.size(), text + sizeof text - 2, index).ptr;
+    end[0] = '!';
+    end[1] = '\0';
+}
+
+namespace {
 
 CKvStringA ChunkName(const char* format, uint32_t index) {
     CKvStringA name;
@@ -230,7 +244,7 @@ kv_result CKvQV8InputFile_V02::ReadFrame(uint32_t sequenceIndex, void* buffer) {
         if (r != KV_OK) return r < 0 ? r : KV_ERR_FAILED;
         if (CheckedPixelRowBytes(m_sAttributes) == 0) return KV_ERR_FAILED;
         const uint64_t frameSize = m_sAttributes.FrameSize();
-        const CKvStringA name = ChunkName(kChunkFrame, sequenceIndex);
+        const SKvFrameChunkName name(sequenceIndex);
 
         if (m_uiCompression != kCompressionZlib) {
             // Raw rows: one read straight into the caller's buffer.
@@ -243,17 +257,19 @@ kv_result CKvQV8InputFile_V02::ReadFrame(uint32_t sequenceIndex, void* buffer) {
             return m_pChunker->ReadChunkPart(header, buffer, kFramePrefixSize, frameSize, name.c_str());
         }
 
-        // One zlib stream after the prefix, inflated into the caller's buffer;
-        // the output may neither overrun nor fall short of the frame.
-        CKvByteArray packed;
-        r = m_pChunker->GetChunk(packed, name.c_str());
+        // One zlib stream after the prefix, read into a buffer kept between
+        // frames and inflated into the caller's; the output must be exactly
+        // one frame.
+        SKvChunkHeader header;
+        r = m_pChunker->GetChunkHeader(header, name.c_str());
         if (r != KV_OK) return r;
-        if (packed.GetSize() < kFramePrefixSize) return KV_ERR_FAILED;
-        uLongf produced = static_cast<uLongf>(frameSize);
-        const int z = uncompress(static_cast<Bytef*>(buffer), &produced, packed.GetData() + kFramePrefixSize,
-                                 static_cast<uLong>(packed.GetSize() - kFramePrefixSize));
-        if (z != Z_OK || produced != frameSize) return KV_ERR_FAILED;
-        return KV_OK;
+        if (header.dataLength < kFramePrefixSize) return KV_ERR_FAILED;
+        const uint64_t packed = header.dataLength - kFramePrefixSize;
+        if (packed > SIZE_MAX) return KV_ERR_FAILED;
+        if (m_aPacked.size() < packed) m_aPacked.resize(static_cast<size_t>(packed));
+        r = m_pChunker->ReadChunkPart(header, m_aPacked.data(), kFramePrefixSize, packed, name.c_str());
+        if (r != KV_OK) return r;
+        return m_inflater.Inflate(m_aPacked.data(), packed, buffer, frameSize);
     });
 }
 
@@ -326,7 +342,7 @@ kv_result CKvQV8InputFile_V02::GetRectData(uint32_t sequenceIndex, uint32_t left
         }
         if (m_uiCompression != kCompressionNone) return KV_ERR_NOT_SUPPORTED;
 
-        const CKvStringA name = ChunkName(kChunkFrame, sequenceIndex);
+        const SKvFrameChunkName name(sequenceIndex);
         SKvChunkHeader header;
         r = m_pChunker->GetChunkHeader(header, name.c_str());
         if (r != KV_OK) return r;
@@ -461,7 +477,7 @@ kv_result CKvQV8InputFile_V02::ReadFrameMetadata(uint32_t sequenceIndex, SKvPict
             bool found = false;
             uint32_t first = 0;
             for (auto it = map.lower_bound(prefix); it != map.end(); ++it) {
-                const std::string_view name = it->first.View();
+                const std::string_view name = (*it).first;
                 if (name.substr(0, prefix.size()) != prefix) break;
                 uint32_t index = 0;
                 if (ParseIndexedName(name, prefix, index) && index < m_uiSequenceCount && (!found || index < first)) {

@@ -5,14 +5,23 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "fileformat/CKvFileChunker.h"
 #include "fileformat/IKvImageFile.h"
+#include "fileformat/KvFrameCodec.h"
 #include "gnr_system/CKvSerializerXMLString.h"
 
 // Chunk names of a QV8 file. Formats take a decimal frame index (%u) and a
 // custom-data name (%ls). Version-2 files use the names without "LV".
 constexpr const char* kChunkFrame = "ImageDataSeq|%u!";
+// The frame chunk's name without printf, for the paths that run per frame:
+// kChunkFrame with `index` put in, written into `out` and null-terminated.
+struct SKvFrameChunkName {
+    explicit SKvFrameChunkName(uint32_t index);
+    const char* c_str() const { return text; }
+    char text[32];
+};
 constexpr const char* kChunkAttributes = "ImageAttributes!";
 constexpr const char* kChunkAttributesLV = "ImageAttributesLV!";
 constexpr const char* kChunkExperiment = "ImageMetadata!";
@@ -163,6 +172,8 @@ protected:
     bool m_bTotalSequenceOverride = false;
     uint32_t m_uiTotalSequenceCount = 0;
     CKvStringA m_strMetadataChunk;           // chunk of the cached picture metadata
+    CKvFrameInflater m_inflater;             // keeps its decompressor between frames
+    std::vector<uint8_t> m_aPacked;          // a compressed frame's stream, reused between frames
 };
 
 // Version 3 (and any version number other than 1 and 2).

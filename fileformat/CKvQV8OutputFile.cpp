@@ -22,10 +22,6 @@ constexpr uint64_t kMaxChunkBytes = 0xFFFFFFFFull;
 constexpr int kDefaultZlibLevel = 6;
 constexpr int kMinZlibLevel = 1;
 constexpr int kMaxZlibLevel = 9;
-// Room compress2 gets: 20 % above the frame plus a fixed slack, which covers
-// zlib's worst case for incompressible frames.
-constexpr double kCompressGrowth = 1.2;
-constexpr uint64_t kCompressSlack = 12;
 // Time stored for frames whose time is unknown.
 constexpr double kNoAcqTime = -1.0;
 
@@ -229,21 +225,21 @@ kv_result CKvQV8OutputFile_V02::writeFrame(uint32_t sequenceIndex, const void* p
                                            double time) {
     uint8_t prefix[kFramePrefixSize];
     kvbytes::StoreF64(prefix, time);
-    const CKvStringA name = FormatIndexed(kChunkFrame, sequenceIndex);
+    const SKvFrameChunkName name(sequenceIndex);
     if (m_sAttributes.eCompression != kCompressionZlib)
         return m_pChunker->SetChunk(prefix, kFramePrefixSize, pixels, frameSize, name.c_str());
 
-    const uint64_t capacity = static_cast<uint64_t>(frameSize * kCompressGrowth) + kCompressSlack;
+    const uint64_t capacity = CKvFrameDeflater::Bound(frameSize);
     if (capacity > m_nCompressCapacity) {
         m_pCompressBuffer.reset(new (std::nothrow) uint8_t[capacity]);
         m_nCompressCapacity = m_pCompressBuffer ? capacity : 0;
         if (!m_pCompressBuffer) return KV_ERR_OUT_OF_MEMORY;
     }
-    uLongf packed = static_cast<uLongf>(capacity);
-    const int z = compress2(m_pCompressBuffer.get(), &packed, static_cast<const Bytef*>(pixels), frameSize,
-                            ZlibLevel(m_sAttributes.dCompressionParam));
-    if (z == Z_MEM_ERROR) return KV_ERR_OUT_OF_MEMORY;
-    if (z != Z_OK || packed > kMaxChunkBytes) return KV_ERR_FAILED;
+    uint64_t packed = 0;
+    const kv_result r = m_deflater.Compress(pixels, frameSize, ZlibLevel(m_sAttributes.dCompressionParam),
+                                            m_pCompressBuffer.get(), capacity, packed);
+    if (r != KV_OK) return r;
+    if (packed > kMaxChunkBytes) return KV_ERR_FAILED;
     return m_pChunker->SetChunk(prefix, kFramePrefixSize, m_pCompressBuffer.get(), static_cast<uint32_t>(packed),
                                 name.c_str());
 }

@@ -10,6 +10,7 @@
 #include "fileformat/CKvFileChunker.h"
 #include "fileformat/CKvQV8InputFile.h"
 #include "fileformat/IKvImageFile.h"
+#include "fileformat/KvFrameCodec.h"
 
 // Highest frame index the acquisition-time cache takes.
 constexpr uint32_t kMaxAcqTimeIndex = 10000000;
@@ -104,6 +105,7 @@ protected:
     uint32_t m_uiNextFrame = 0;  // highest frame index written + 1: the frame SetAcqTime applies to
     std::unique_ptr<uint8_t[]> m_pCompressBuffer;  // reused by every compressed frame
     uint64_t m_nCompressCapacity = 0;
+    CKvFrameDeflater m_deflater;                   // its per-thread states live across frames
 };
 
 class CKvQV8OutputFile_V03 : public CKvQV8OutputFile_V02 {

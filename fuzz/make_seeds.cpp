@@ -1,7 +1,8 @@
 // Writes seed inputs for the fuzz targets with the library's own writers:
 // make_seeds DIR creates DIR/chunker/ with small containers, finished,
 // unfinished and damaged, and DIR/record/, DIR/picturemeta/ and
-// DIR/experiment/ with metadata, and DIR/qv8file/ with whole QV8 files.
+// DIR/experiment/ with metadata, DIR/qv8file/ with whole QV8 files, and
+// DIR/framecodec/ with zlib streams of a frame.
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -10,6 +11,8 @@
 
 #include "fileformat/CKvFileChunker.h"
 #include "fileformat/CKvImageFormatQV8.h"
+#include "fileformat/KvFrameCodec.h"
+#include "gnr_system/KvBytes.h"
 #include "gnr_metaformats/ExperimentRecord.h"
 #include "gnr_metaformats/PictureMetadata.h"
 #include "gnr_metaformats/PictureSequence.h"
@@ -216,6 +219,28 @@ bool WriteQV8Seeds(const std::string& root) {
     return ok;
 }
 
+// Seeds for "framecodec": the frame size, then its zlib stream, at a few levels.
+bool WriteFrameCodecSeeds(const std::string& root) {
+    const std::string dir = root + "/framecodec";
+    mkdir(dir.c_str(), 0755);
+    std::vector<uint8_t> frame(3000);
+    for (size_t i = 0; i < frame.size(); ++i) frame[i] = static_cast<uint8_t>((i / 7) ^ (i % 13));
+    CKvFrameDeflater deflater;
+    for (int level : {1, 6, 9}) {
+        std::vector<uint8_t> seed(4 + CKvFrameDeflater::Bound(frame.size()));
+        kvbytes::StoreU32(seed.data(), static_cast<uint32_t>(frame.size()));
+        uint64_t packed = 0;
+        if (deflater.Compress(frame.data(), frame.size(), level, seed.data() + 4, seed.size() - 4, packed) != KV_OK)
+            return false;
+        seed.resize(4 + packed);
+        FILE* f = std::fopen((dir + "/level" + std::to_string(level)).c_str(), "wb");
+        if (!f) return false;
+        const bool ok = std::fwrite(seed.data(), 1, seed.size(), f) == seed.size();
+        if (std::fclose(f) != 0 || !ok) return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -248,5 +273,6 @@ int main(int argc, char** argv) {
     ok = WritePictureMetaSeeds(argv[1]) && ok;
     ok = WriteExperimentSeeds(argv[1]) && ok;
     ok = WriteQV8Seeds(argv[1]) && ok;
+    ok = WriteFrameCodecSeeds(argv[1]) && ok;
     return ok ? 0 : 1;
 }

@@ -48,6 +48,12 @@ inline void StoreF64(void* p, double d) {
     std::memcpy(&bits, &d, sizeof bits);
     StoreU64(p, bits);
 }
+// Big-endian, for the few formats that store integers that way (zlib's checksum).
+inline void StoreU32BE(void* p, uint32_t v) {
+    const uint8_t bytes[4] = {static_cast<uint8_t>(v >> 24), static_cast<uint8_t>(v >> 16),
+                              static_cast<uint8_t>(v >> 8), static_cast<uint8_t>(v)};
+    std::memcpy(p, bytes, sizeof bytes);
+}
 
 }  // namespace kvbytes
 

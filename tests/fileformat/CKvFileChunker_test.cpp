@@ -45,7 +45,7 @@ using Entry = std::tuple<std::string, uint64_t, uint64_t>;  // name, position, s
 using Entries = std::vector<Entry>;
 Entries MapOf(const CKvFileChunker& c) {
     Entries v;
-    for (const auto& [name, m] : c.GetChunkMap()) v.emplace_back(name.Std(), m.position, m.size);
+    for (const auto& [name, m] : c.GetChunkMap()) v.emplace_back(std::string(name), m.position, m.size);
     return v;
 }
 

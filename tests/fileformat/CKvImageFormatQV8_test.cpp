@@ -27,7 +27,9 @@ void MakeContainer(const std::wstring& path, const char* version, bool finish = 
     ASSERT_EQ(KV_OK, writer.Finalize(bytes, 0));
     ASSERT_EQ(KV_OK, chunker.SetChunk(bytes.GetData(), static_cast<uint32_t>(bytes.GetSize()), kChunkAttributesLV));
     // Without Finalize the storage is left without its map, as a crashed writer leaves it.
-    if (finish) ASSERT_EQ(KV_OK, chunker.Finalize());
+    if (finish) {
+        ASSERT_EQ(KV_OK, chunker.Finalize());
+    }
 }
 
 struct SInputFile {

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "fileformat/CKvImageFormatQV8.h"
 #include "gnr_system/CKvSerializerXMLString.h"
 #include "gnr_system/KvBytes.h"
 #include "tests/TestSupport.h"
@@ -121,7 +122,7 @@ TEST_F(OutputFileTest, RawFramesAreCallerBytesOnPageBoundariesAndCountTheHighest
         SKvChunkHeader header;
         ASSERT_EQ(KV_OK, chunks->GetChunkHeader(header, name.c_str()));
         EXPECT_EQ(kFramePrefixSize + frames[i]->size(), header.dataLength);
-        const uint64_t pixels = chunks->GetChunkMap().at(name).position + kChunkHeaderSize + header.nameLength +
+        const uint64_t pixels = chunks->GetChunkMap().at(name.View()).position + kChunkHeaderSize + header.nameLength +
                                 kFramePrefixSize;
         EXPECT_EQ(0u, pixels % kPageSize) << name.c_str();
         ASSERT_LE(pixels + frames[i]->size(), file.size());
@@ -152,6 +153,42 @@ TEST_F(OutputFileTest, CompressionParameterChoosesTheZlibLevel) {
         }
         std::remove(m_dir.File("out.qv8").c_str());
     }
+}
+
+// Frames big enough to be deflated in blocks on several threads still hold one
+// zlib stream that plain zlib inflates, and read back through the reader.
+TEST_F(OutputFileTest, LargeCompressedFramesAreOrdinaryZlibStreams) {
+    SKvImageAttributes a = Attributes(kCompressionZlib, 2);
+    a.uiWidth = 1000;
+    a.uiHeight = 700;  // 700,000 bytes: more than two blocks, not a whole number of them
+    const Bytes f0 = Pattern(700000, 4), f1 = Pattern(700000, 5);
+    KvSetFrameCodecThreads(3);
+    {
+        auto w = Open();
+        ASSERT_EQ(KV_OK, w->SetImageAttributes(a));
+        ASSERT_EQ(KV_OK, w->FlushData(0, const_cast<uint8_t*>(f0.data()), nullptr, nullptr));
+        ASSERT_EQ(KV_OK, w->FlushData(1, const_cast<uint8_t*>(f1.data()), nullptr, nullptr));
+        ASSERT_EQ(KV_OK, w->Finalize());
+    }
+    KvSetFrameCodecThreads(0);
+    for (uint32_t i = 0; i < 2; ++i) {
+        const Bytes chunk = Frame(i);
+        ASSERT_GT(chunk.size(), kFramePrefixSize);
+        Bytes out(700001);
+        uLongf produced = out.size();
+        ASSERT_EQ(Z_OK, uncompress(out.data(), &produced, chunk.data() + kFramePrefixSize,
+                                   chunk.size() - kFramePrefixSize));
+        out.resize(produced);
+        EXPECT_EQ(out, i == 0 ? f0 : f1);
+    }
+    IKvInputImageFile* reader = nullptr;
+    ASSERT_EQ(KV_OK, CKvImageFormatQV8::Shared()->CreateInputImageFile(CKvStringW(Path().c_str()), reader));
+    Bytes frame(700000);
+    for (uint32_t i : {1u, 0u, 1u}) {
+        ASSERT_EQ(KV_OK, reader->GetData(i, frame.data(), nullptr, nullptr));
+        EXPECT_EQ(frame, i == 0 ? f0 : f1);
+    }
+    reader->Release();
 }
 
 TEST_F(OutputFileTest, AttributesAreNormalisedWhenSaved) {

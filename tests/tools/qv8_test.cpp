@@ -1,7 +1,6 @@
 // Runs the built qv8 tool on containers written here and checks its output,
 // its error lines and its exit statuses.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -14,18 +13,11 @@
 #include "gnr_metaformats/PictureMetadata.h"
 #include "gnr_system/CKvLiteVariant.h"
 #include "tests/TestSupport.h"
+#include "tests/tools/ToolRunner.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-
-struct ToolRun { int status; std::string out, err; };
-
-std::string ShellQuote(const std::string& s) {
-    std::string q = "'";
-    for (char c : s) q += (c == '\'') ? std::string("'\\''") : std::string(1, c);
-    return q + "'";
-}
 
 // Binary data with every byte value, zeros and newlines included.
 std::string BinaryData(size_t size) {
@@ -41,13 +33,7 @@ protected:
     std::string Path(const char* name) const { return m_tmp.File(name); }
 
     // Standard error goes to a file, so it is never a terminal here.
-    ToolRun Run(const std::vector<std::string>& args) const {
-        std::string command = ShellQuote(ZEM_QV8_TOOL);
-        for (const std::string& arg : args) command += " " + ShellQuote(arg);
-        command += " >" + ShellQuote(Path("stdout")) + " 2>" + ShellQuote(Path("stderr")) + " </dev/null";
-        const int raw = std::system(command.c_str());
-        return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, ReadWholeFile(Path("stdout")), ReadWholeFile(Path("stderr"))};
-    }
+    ToolRun Run(const std::vector<std::string>& args) const { return RunQv8(args, m_tmp); }
 
     // Writes a container: chunk "b" (10 bytes) at 4096, "a" (5000 bytes, so
     // two pages) at 8192, frame 0 (8 bytes) at 16384, and `big` as a two-part

@@ -45,7 +45,7 @@ int RunChunks(const Qv8Args& args) {
     const kv_result r = OpenForReading(chunker, file);
     if (r != KV_OK) return ReportOpenFailure(file, r, chunker);
     for (const auto& [name, member] : chunker.GetChunkMap()) {
-        std::printf("%s\t%" PRIu64 "\t%" PRIu64 "\n", EscapeName(name.View()).c_str(), member.position, member.size);
+        std::printf("%s\t%" PRIu64 "\t%" PRIu64 "\n", EscapeName(name).c_str(), member.position, member.size);
     }
     chunker.Finalize();
     return kExitOk;
@@ -86,7 +86,7 @@ int RunCat(const Qv8Args& args) {
 // Chunks that hold data, as opposed to the container's own signature and map.
 size_t CountDataChunks(const CKvFileChunker::ChunkMap& map) {
     return static_cast<size_t>(std::count_if(map.begin(), map.end(), [](const auto& entry) {
-        return entry.first.View() != kSignatureChunkName && entry.first.View() != kChunkMapChunkName;
+        return entry.first != kSignatureChunkName && entry.first != kChunkMapChunkName;
     }));
 }
 

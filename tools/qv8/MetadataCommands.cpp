@@ -49,13 +49,9 @@ std::string Indent(std::string_view xml) {
 }
 
 int RunXml(const Qv8Args& args) {
-    bool indent = false;
+    bool indent;
     std::vector<std::string> positional;
-    for (const std::string& arg : args) {
-        if (arg == "--indent") indent = true;
-        else if (!arg.empty() && arg[0] == '-') return kExitUsage;
-        else positional.push_back(arg);
-    }
+    if (!SplitArgs(args, "--indent", indent, positional)) return kExitUsage;
     if (positional.size() != 2) return kExitUsage;
     const std::string& file = positional[0];
     const std::string name = !positional[1].empty() && positional[1].back() == '!' ? positional[1] : positional[1] + '!';

@@ -8,39 +8,18 @@
 
 #include "gnr_metaformats/PictureMetadata.h"
 #include "tools/qv8/Qv8Command.h"
+#include "tools/qv8/Qv8Json.h"
 
 namespace {
 
 // Picture-metadata chunks are named by the first frame they describe.
 const char kMetadataChunkPrefix[] = "ImageMetadataSeqLV|";
 
-std::string Utf8(const CKvStringW& text) { return CKvStringUtils::WtoUTF8(text.GetString(), text.Size()).Std(); }
-
 std::string Number(double value) {
     char text[64];
     std::snprintf(text, sizeof text, "%.10g", value);
     return text;
 }
-
-std::string JsonString(const std::string& utf8) {
-    std::string out = "\"";
-    for (unsigned char c : utf8) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c < 0x20) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-            out += escaped;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out + "\"";
-}
-
-// JSON has no infinities or NaN: they become null.
-std::string JsonNumber(double value) { return value == value && value - value == 0.0 ? Number(value) : "null"; }
 
 std::string Hex(uint64_t value, int digits) {
     char text[32];
@@ -132,7 +111,7 @@ std::string ChooseChunk(const CKvFileChunker& chunker, const std::string& given)
     std::string best;
     long bestIndex = -1;
     for (const auto& entry : chunker.GetChunkMap()) {
-        const std::string name = entry.first.GetString();
+        const std::string name(entry.first);
         if (name.compare(0, sizeof kMetadataChunkPrefix - 1, kMetadataChunkPrefix) != 0) continue;
         const long index = std::strtol(name.c_str() + sizeof kMetadataChunkPrefix - 1, nullptr, 10);
         if (bestIndex < 0 || index < bestIndex) {
@@ -144,13 +123,9 @@ std::string ChooseChunk(const CKvFileChunker& chunker, const std::string& given)
 }
 
 int RunMeta(const Qv8Args& args) {
-    bool json = false;
+    bool json;
     std::vector<std::string> positional;
-    for (const std::string& arg : args) {
-        if (arg == "--json") json = true;
-        else if (!arg.empty() && arg[0] == '-') return kExitUsage;
-        else positional.push_back(arg);
-    }
+    if (!SplitArgs(args, "--json", json, positional)) return kExitUsage;
     if (positional.empty() || positional.size() > 2) return kExitUsage;
     const std::string& file = positional[0];
 
@@ -172,9 +147,7 @@ int RunMeta(const Qv8Args& args) {
     SKvPictureMetadata meta;
     r = SKvPictureMetadata::LoadFromLiteVariant(meta, reader);
     if (r != KV_OK) return ReportFailure(file, "chunk \"" + name + "\" holds no picture metadata", r);
-    const std::string text = json ? MetadataJson(name, meta) : MetadataText(name, meta);
-    if (!WriteStdout(text.data(), text.size())) return ReportFailure("standard output", "write failed", KV_ERR_FAILED);
-    return kExitOk;
+    return PrintOrFail(json ? MetadataJson(name, meta) : MetadataText(name, meta));
 }
 
 }  // namespace

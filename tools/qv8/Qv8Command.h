@@ -31,18 +31,32 @@ extern const SQv8Command kCatCommand;
 extern const SQv8Command kRepairCommand;
 extern const SQv8Command kXmlCommand;
 extern const SQv8Command kMetaCommand;
+extern const SQv8Command kCreateSampleCommand;
+extern const SQv8Command kInfoCommand;
+extern const SQv8Command kFrameCommand;
 
 // Prints "qv8: SUBJECT: WHAT (CODE)" on standard error; answers kExitFailure.
 int ReportFailure(const std::string& subject, const std::string& what, kv_result code);
 
-// Opens a container read-only, the file name given as UTF-8.
-kv_result OpenForReading(CKvFileChunker& chunker, const std::string& file);
+// Opens a container read-only, the file name given as UTF-8; `version`,
+// when given, receives the version text of its signature.
+kv_result OpenForReading(CKvFileChunker& chunker, const std::string& file, CKvStringA* version = nullptr);
 // Reports why OpenForReading failed, with a hint where one helps; answers
 // kExitFailure.
 int ReportOpenFailure(const std::string& file, kv_result code, const CKvFileChunker& chunker);
 
 // Writes bytes to standard output; false (with errno set) when it fails.
 bool WriteStdout(const void* data, size_t size);
+// Writes text to standard output; on failure reports it and answers kExitFailure.
+int PrintOrFail(const std::string& text);
+
+// UTF-8 form of a metadata text.
+std::string Utf8(const CKvStringW& text);
+// Splits `args` into positional arguments and the one option `flag`
+// (`flagSet` tells whether it was given); false for any other option.
+bool SplitArgs(const Qv8Args& args, const char* flag, bool& flagSet, std::vector<std::string>& positional);
+// A decimal number without sign or trailing characters, in [min, max].
+bool ParseUnsigned(const std::string& text, uint32_t min, uint32_t max, uint32_t& value);
 
 // A bar drawn on standard error while long work runs, only when standard
 // error is a terminal; otherwise it stays silent.

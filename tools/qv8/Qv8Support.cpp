@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 
 #include "gnr_system/CKvString.h"
@@ -14,10 +15,12 @@ int ReportFailure(const std::string& subject, const std::string& what, kv_result
     return kExitFailure;
 }
 
-kv_result OpenForReading(CKvFileChunker& chunker, const std::string& file) {
+kv_result OpenForReading(CKvFileChunker& chunker, const std::string& file, CKvStringA* version) {
     const CKvStringW wide = CKvStringUtils::UTF8toW(file.c_str());
-    CKvStringA version;
-    return chunker.Initialize_File(wide.c_str(), true, false, version);
+    CKvStringA text;
+    const kv_result r = chunker.Initialize_File(wide.c_str(), true, false, text);
+    if (version) *version = text;
+    return r;
 }
 
 namespace {
@@ -45,6 +48,31 @@ int ReportOpenFailure(const std::string& file, kv_result code, const CKvFileChun
 
 bool WriteStdout(const void* data, size_t size) {
     return size == 0 || std::fwrite(data, 1, size, stdout) == size;
+}
+
+int PrintOrFail(const std::string& text) {
+    if (!WriteStdout(text.data(), text.size())) return ReportFailure("standard output", "write failed", KV_ERR_FAILED);
+    return kExitOk;
+}
+
+std::string Utf8(const CKvStringW& text) { return CKvStringUtils::WtoUTF8(text.GetString(), text.Size()).Std(); }
+
+bool SplitArgs(const Qv8Args& args, const char* flag, bool& flagSet, std::vector<std::string>& positional) {
+    flagSet = false;
+    for (const std::string& arg : args) {
+        if (arg == flag) flagSet = true;
+        else if (!arg.empty() && arg[0] == '-') return false;
+        else positional.push_back(arg);
+    }
+    return true;
+}
+
+bool ParseUnsigned(const std::string& text, uint32_t min, uint32_t max, uint32_t& value) {
+    if (text.empty() || text.size() > 10 || text.find_first_not_of("0123456789") != std::string::npos) return false;
+    const unsigned long long parsed = std::strtoull(text.c_str(), nullptr, 10);
+    if (parsed < min || parsed > max) return false;
+    value = static_cast<uint32_t>(parsed);
+    return true;
 }
 
 // ---- progress bar ----

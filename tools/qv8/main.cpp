@@ -2,6 +2,7 @@
 // the command named by the first argument.
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <string_view>
 
 #include "tools/qv8/Qv8Command.h"
@@ -15,6 +16,9 @@ const SQv8Command* const kCommands[] = {
     &kRepairCommand,
     &kXmlCommand,
     &kMetaCommand,
+    &kCreateSampleCommand,
+    &kInfoCommand,
+    &kFrameCommand,
 };
 
 const SQv8Command* FindCommand(std::string_view name) {
@@ -25,7 +29,7 @@ const SQv8Command* FindCommand(std::string_view name) {
 
 void PrintToolUsage(FILE* out) {
     std::fputs("usage: qv8 COMMAND ARGS...\n\ncommands:\n", out);
-    for (const SQv8Command* command : kCommands) std::fprintf(out, "  %-8s %s\n", command->name, command->summary);
+    for (const SQv8Command* command : kCommands) std::fprintf(out, "  %-14s %s\n", command->name, command->summary);
     std::fputs("\n'qv8 COMMAND --help' describes a command.\n", out);
 }
 
@@ -38,7 +42,12 @@ int RunCommand(const SQv8Command& command, const Qv8Args& args) {
             return kExitOk;
         }
     }
-    const int status = command.run(args);
+    int status;
+    try {
+        status = command.run(args);
+    } catch (const std::bad_alloc&) {  // a frame or record larger than memory, as damaged attributes can claim
+        return ReportFailure(command.name, "out of memory", KV_ERR_OUT_OF_MEMORY);
+    }
     if (status == kExitUsage) std::fputs(command.usage, stderr);
     return status;
 }
