@@ -1,7 +1,9 @@
 // The chunk map in memory: chunk name (with its "!") -> where the chunk is.
-// Opening a file must not cost a heap allocation per chunk, so the entries
-// read from a file stay in one array over the map chunk's own bytes; only
-// chunks written or re-pointed afterwards go into a node per name.
+// Opening a file must cost neither a heap allocation per chunk nor more than
+// one pass over the entries: the entries stay in the map chunk's own bytes,
+// indexed by one hash table built while they are parsed. The names in order,
+// which only listings and prefix searches need, are sorted on first use.
+// Chunks written afterwards under new names go into a node per name.
 #pragma once
 
 #include <cstddef>
@@ -66,10 +68,10 @@ public:
     // Adds `name` or re-points it.
     void Set(std::string_view name, const SKvChunkMapMember& member);
 
-    size_t size() const { return m_aLoaded.size() + m_mapAdded.size(); }
+    size_t size() const;
     bool empty() const { return size() == 0; }
-    const_iterator begin() const { return const_iterator(this, 0, m_mapAdded.begin()); }
-    const_iterator end() const { return const_iterator(this, m_aLoaded.size(), m_mapAdded.end()); }
+    const_iterator begin() const;
+    const_iterator end() const;
     // The first entry whose name is not less than `name`.
     const_iterator lower_bound(std::string_view name) const;
     // The first entry whose name is greater than `name`.
@@ -79,21 +81,35 @@ public:
 
 private:
     // A loaded entry: where its name is in m_aBytes. Position and size stay
-    // in the bytes right after the name, so an entry costs 8 bytes here.
+    // in the bytes right after the name.
     struct SLoadedEntry {
         uint32_t nameOffset;
         uint32_t nameLength;  // with the "!"
     };
-    std::string_view LoadedName(size_t i) const {
-        return std::string_view(reinterpret_cast<const char*>(m_aBytes.data()) + m_aLoaded[i].nameOffset,
-                                m_aLoaded[i].nameLength);
+    std::string_view NameAt(uint32_t offset, uint32_t length) const {
+        return std::string_view(reinterpret_cast<const char*>(m_aBytes.data()) + offset, length);
     }
-    SKvChunkMapMember LoadedMember(size_t i) const;
+    std::string_view LoadedName(size_t i) const { return NameAt(m_aLoaded[i].nameOffset, m_aLoaded[i].nameLength); }
+    SKvChunkMapMember MemberAt(uint32_t nameOffset, uint32_t nameLength) const;
+    // Walks the entries of m_aBytes up to the closing text, calling `visit`
+    // with each name's offset and length; false when the walk met damage.
+    template <typename Visit>
+    bool WalkEntries(Visit&& visit) const;
+    bool IndexEntry(uint32_t offset, uint32_t length);  // false when the index had to be dropped
+    void GrowIndex();
+    // The loaded entry of `name`: false when absent.
+    bool FindLoaded(std::string_view name, SLoadedEntry& entry) const;
+    // Makes m_aLoaded the loaded names in ascending order, each once.
+    void EnsureSorted() const;
     size_t LowerBoundLoaded(std::string_view name) const;
-    void SortLoaded();
-    void FinishLoading(bool descending);
 
-    std::vector<uint8_t> m_aBytes;            // the map chunk's data the loaded names point into
-    std::vector<SLoadedEntry> m_aLoaded;      // ascending by name, unique
+    std::vector<uint8_t> m_aBytes;    // the map chunk's data the loaded names point into
+    std::string_view m_strEntriesEnd; // the text that closes the entries
+    size_t m_nMaxNameLength = 0;
+    std::vector<uint64_t> m_aSlots;   // open addressing: hash tag << 32 | (name offset + 1); 0 is empty
+    size_t m_nIndexed = 0;            // distinct names in m_aSlots
+    bool m_bIndexDropped = false;     // names collided too much: look-ups search m_aLoaded
+    mutable std::vector<SLoadedEntry> m_aLoaded;  // ascending, unique, once sorted
+    mutable bool m_bSorted = true;
     std::map<std::string, SKvChunkMapMember, std::less<>> m_mapAdded;  // names not among the loaded
 };

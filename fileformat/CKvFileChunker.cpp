@@ -9,9 +9,6 @@
 
 namespace {
 
-// Parts up to this size are read together with their chunk's header.
-constexpr uint64_t kSmallPartLimit = 64 * 1024;
-
 uint64_t RoundUpToPage(uint64_t n) { return (n + kPageSize - 1) / kPageSize * kPageSize; }
 
 // Bytes of zero name padding that make a chunk's first data part end on a
@@ -447,13 +444,6 @@ kv_result CKvFileChunker::ReadChunkPart(SKvChunkHeader& header, void* buffer, ui
                                         const char* name) {
     if (!buffer && size) return KV_ERR_INVALID_ARG;
     return KvNoThrow([&]() -> kv_result {
-        if (header.magic == 0 && size <= kSmallPartLimit && offset <= kPageSize) {
-            // A small part is read with the chunk's header in one request.
-            SKvChunkMapMember member;
-            const kv_result found = FindChunk(name, member);
-            if (found != KV_OK) return found;
-            if (ReadSmallPart(member, header, buffer, offset, size)) return KV_OK;
-        }
         uint64_t at = 0;
         const kv_result r = LocatePart(header, offset, size, name, at);
         if (r != KV_OK || size == 0) return r;
@@ -461,29 +451,6 @@ kv_result CKvFileChunker::ReadChunkPart(SKvChunkHeader& header, void* buffer, ui
         if (m_storage.ReadAt(at, buffer, size, &got) != KV_OK || got != size) return KV_ERR_FAILED;
         return KV_OK;
     });
-}
-
-// Reads the header and the part's bytes in one request, on the bet that the
-// name field is shorter than a page (always so for names the map can hold).
-// False, with `buffer` untouched, when the bet fails or anything is out of
-// place: the caller then takes the careful path, which reports the damage.
-bool CKvFileChunker::ReadSmallPart(const SKvChunkMapMember& member, SKvChunkHeader& header, void* buffer,
-                                   uint64_t offset, uint64_t size) {
-    // The part must start within the chunk's first page: chunk parts written
-    // after a page-aligned first part then cost no page more than they span.
-    const uint64_t want = kPageSize + size;
-    if (m_aWindow.size() < want) m_aWindow.resize(static_cast<size_t>(want));
-    uint64_t got = 0;
-    if (m_storage.ReadAt(member.position, m_aWindow.data(), want, &got) != KV_OK || got < kChunkHeaderSize)
-        return false;
-    const SKvChunkHeader read = DecodeHeader(m_aWindow.data());
-    if (read.magic != kChunkMagic) return false;
-    if (offset > read.dataLength || size > read.dataLength - offset) return false;
-    const uint64_t start = kChunkHeaderSize + static_cast<uint64_t>(read.nameLength) + offset;
-    if (start > got || size > got - start) return false;  // also when the name field is a page or more
-    if (size) std::memcpy(buffer, m_aWindow.data() + start, static_cast<size_t>(size));
-    header = read;
-    return true;
 }
 
 kv_result CKvFileChunker::GetChunkHeader(SKvChunkHeader& header, const char* name) {

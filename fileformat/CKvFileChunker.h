@@ -158,8 +158,6 @@ private:
                               std::string_view name, uint64_t& position);
     uint64_t AssembleHead(const void* data1, uint64_t size1, bool moreData, uint64_t dataLength,
                           std::string_view name, uint64_t& firstInHead);
-    bool ReadSmallPart(const SKvChunkMapMember& member, SKvChunkHeader& header, void* buffer, uint64_t offset,
-                       uint64_t size);
     kv_result FlushPendingPage();
     kv_result ReopenStorage(bool readOnly);
 
@@ -172,7 +170,6 @@ private:
     CKvStringA m_strStreamedChunk;     // the chunk SetChunkPart is filling
     CKvByteArray m_aAssembly;          // header, name and first data pages of a chunk being written
     std::string m_strNameField;        // name field of the chunk being read
-    std::vector<uint8_t> m_aWindow;    // a small chunk part read together with its header
     CKvByteArray* m_pMemory = nullptr; // the array of memory storage, for reopening it
     uint64_t m_nReadOnlySize = 0;      // size of read-only file storage, taken when it was opened
     uint64_t m_nAppendPosition = 0;    // where the next chunk is written: the end of the chunks

