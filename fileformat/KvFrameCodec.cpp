@@ -88,9 +88,7 @@ uint64_t CKvFrameDeflater::Bound(uint64_t size) {
     // compressBound for one stream; for blocks, each block's stored-block
     // worst case plus its flush marker. Both fit in this.
     const uint64_t blocks = size / kDeflateBlockSize + 1;
-    return compressBound(static_cast<uLong>(std::min<uint64_t>(size, kMaxZlibChunk))) +
-           (size > kMaxZlibChunk ? size - kMaxZlibChunk : 0) + blocks * (kFlushSlack + 8) + kZlibHeaderSize +
-           kAdlerSize;
+    return compressBound(static_cast<uLong>(size)) + blocks * (kFlushSlack + 8) + kZlibHeaderSize + kAdlerSize;
 }
 
 kv_result CKvFrameDeflater::Compress(const void* src, uint64_t size, int level, uint8_t* out, uint64_t capacity,
