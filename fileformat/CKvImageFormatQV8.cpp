@@ -6,7 +6,6 @@
 
 #include "fileformat/CKvQV8InputFile.h"
 #include "fileformat/CKvQV8OutputFile.h"
-#include "gnr_system/ImageFormatManager.h"
 #include "gnr_system/KvFile.h"
 
 namespace {
@@ -16,8 +15,6 @@ constexpr uint32_t kFeatureEnd = 0xFFFFFFFF;
 constexpr uint32_t kSupportedFeatures[] = {0, 2, 4, 5, 8, 9, 10, 11, 12, 13, 14, 15, 20, 21, 23, 24, kFeatureEnd};
 constexpr uint8_t kMinBits = 8;
 constexpr uint8_t kMaxBits = 16;
-// Identifier of the older chunk-file format a non-container file is offered to.
-const char kOlderFormatID[] = "NDIM";
 
 }  // namespace
 
@@ -84,18 +81,9 @@ kv_result CKvImageFormatQV8::CreateInputImageFile(CKvStringW fileName, IKvInputI
         CKvStringA version;
         const kv_result opened = chunker->Initialize_File(fileName.GetString(), true, false, version);
         if (opened != KV_OK && opened != KV_ERR_NOT_FOUND) {
-            // Not a container: offer it to the older chunk-file format when one is registered.
+            // Not a container: no other format reads it.
             chunker->Finalize();
-            IKvImageFormatManager* manager = nullptr;
-            if (KvCreateObject("CKvImageFormatManagerImpl", "IKvImageFormatManager",
-                               reinterpret_cast<void**>(&manager)) != KV_OK)
-                return KV_ERR_FAILED;
-            std::unique_ptr<IKvImageFormatManager> owned(manager);
-            manager->LoadAllImageFormats(false);
-            IKvImageFormat* older = nullptr;
-            if (manager->GetImageFormatByID(CKvStringA(kOlderFormatID), older) == KV_OK)
-                older->CreateInputImageFile(fileName, file);
-            return file ? KV_OK : KV_ERR_FAILED;
+            return KV_ERR_FAILED;
         }
         const long number = KvQV8VersionNumber(version);
         if (number < 0 || number == 1 || opened == KV_ERR_NOT_FOUND) {

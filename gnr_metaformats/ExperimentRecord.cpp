@@ -30,14 +30,6 @@ constexpr SGroupKeys kRecordedGroups[SKvRecordedData::eGroupCount] = {
     {L"VectorRD_AngOut", L"nameAngOut"}, {L"VectorRD_TTLOut", L"nameTTLOut"},
 };
 
-// Keeps the first failure of a sequence of steps.
-struct SResult {
-    kv_result value = KV_OK;
-    void operator()(kv_result step) {
-        if (value == KV_OK && step != KV_OK) value = step;
-    }
-};
-
 std::unique_ptr<CKvStringW> CopyText(const wchar_t* text) {
     return text ? std::make_unique<CKvStringW>(text) : nullptr;
 }
@@ -183,26 +175,26 @@ constexpr int32_t kSizeMissing = std::numeric_limits<int32_t>::max();
 template <typename Entry, typename Visit>
 kv_result SaveLiteEntries(CKvLiteVariantW& writer, const wchar_t* vectorKey, const wchar_t* listKey,
                           const std::vector<Entry>& entries, Visit visit) {
-    SResult result;
+    kv_result result = KV_OK;
     KvMeta::CLvLevelWriter vector(writer, vectorKey);
-    result(vector.Result());
-    if (result.value == KV_OK) result(writer.Set(static_cast<int32_t>(entries.size()), L"size"));
-    if (result.value == KV_OK) {
+    KvKeepFirstFailure(result, vector.Result());
+    if (result == KV_OK) result = writer.Set(static_cast<int32_t>(entries.size()), L"size");
+    if (result == KV_OK) {
         KvMeta::CLvLevelWriter list(writer, listKey);
-        result(list.Result());
-        for (size_t i = 0; i < entries.size() && result.value == KV_OK; ++i) {
+        KvKeepFirstFailure(result, list.Result());
+        for (size_t i = 0; i < entries.size() && result == KV_OK; ++i) {
             KvMeta::CLvLevelWriter one(writer, nullptr);
-            result(one.Result());
-            if (result.value != KV_OK) break;
+            KvKeepFirstFailure(result, one.Result());
+            if (result != KV_OK) break;
             SLiteSaver saver{writer, {}};
             visit(entries[i], saver);
-            result(saver.result);
-            result(one.Close());
+            KvKeepFirstFailure(result, saver.result);
+            KvKeepFirstFailure(result, one.Close());
         }
-        result(list.Close());
+        KvKeepFirstFailure(result, list.Close());
     }
-    result(vector.Close());
-    return result.value;
+    KvKeepFirstFailure(result, vector.Close());
+    return result;
 }
 
 // Replaces `entries` with the entries present when the level exists. May throw.
@@ -424,21 +416,21 @@ kv_result SKvExperimentEvent::Copy(SKvExperimentEvent& dst, const SKvExperimentE
 }
 
 kv_result SKvExperimentEvent::SaveToLiteVariant(CKvLiteVariantW& writer, const SKvExperimentEvent& event) {
-    SResult result;
-    result(writer.Set(event.dTime, L"T"));
+    kv_result result = KV_OK;
+    KvKeepFirstFailure(result, writer.Set(event.dTime, L"T"));
     // A second time of 0 means "none" and is left out to keep logs small.
-    if (event.dTime2 != 0.0) result(writer.Set(event.dTime2, L"T2"));
-    result(writer.Set(event.eMeaning, L"M"));
-    if (event.pDescription) result(writer.Set(*event.pDescription, L"D"));
-    if (event.pAdditional) result(writer.Set(*event.pAdditional, L"A"));
-    result(writer.Set(event.uiID, L"I"));
-    if (event.pStimulation && result.value == KV_OK) {
+    if (event.dTime2 != 0.0) KvKeepFirstFailure(result, writer.Set(event.dTime2, L"T2"));
+    KvKeepFirstFailure(result, writer.Set(event.eMeaning, L"M"));
+    if (event.pDescription) KvKeepFirstFailure(result, writer.Set(*event.pDescription, L"D"));
+    if (event.pAdditional) KvKeepFirstFailure(result, writer.Set(*event.pAdditional, L"A"));
+    KvKeepFirstFailure(result, writer.Set(event.uiID, L"I"));
+    if (event.pStimulation && result == KV_OK) {
         KvMeta::CLvLevelWriter level(writer, L"S");
-        result(level.Result());
-        if (result.value == KV_OK) result(SKvStimulationDescription::SaveToLiteVariant(writer, *event.pStimulation));
-        result(level.Close());
+        KvKeepFirstFailure(result, level.Result());
+        if (result == KV_OK) result = SKvStimulationDescription::SaveToLiteVariant(writer, *event.pStimulation);
+        KvKeepFirstFailure(result, level.Close());
     }
-    return result.value;
+    return result;
 }
 
 kv_result SKvExperimentEvent::LoadFromLiteVariant(SKvExperimentEvent& event, CKvLiteVariantR& reader) {
@@ -650,23 +642,23 @@ void SKvExperimentRecord::Free(SKvExperimentRecord& record) {
 }
 
 kv_result SKvExperimentRecord::SaveToLiteVariant(CKvLiteVariantW& writer, const SKvExperimentRecord& record) {
-    SResult result;
+    kv_result result = KV_OK;
     KvMeta::CLvLevelWriter top(writer, L"RKvExperimentRecord");
-    result(top.Result());
-    if (result.value == KV_OK) result(writer.Set(record.GetCount(), L"uiCount"));
-    if (result.value == KV_OK) {
+    KvKeepFirstFailure(result, top.Result());
+    if (result == KV_OK) result = writer.Set(record.GetCount(), L"uiCount");
+    if (result == KV_OK) {
         KvMeta::CLvLevelWriter list(writer, L"pEvents");
-        result(list.Result());
-        for (size_t i = 0; i < record.m_aEvents.size() && result.value == KV_OK; ++i) {
+        KvKeepFirstFailure(result, list.Result());
+        for (size_t i = 0; i < record.m_aEvents.size() && result == KV_OK; ++i) {
             KvMeta::CLvLevelWriter one(writer, nullptr);
-            result(one.Result());
-            if (result.value == KV_OK) result(SKvExperimentEvent::SaveToLiteVariant(writer, record.m_aEvents[i]));
-            result(one.Close());
+            KvKeepFirstFailure(result, one.Result());
+            if (result == KV_OK) result = SKvExperimentEvent::SaveToLiteVariant(writer, record.m_aEvents[i]);
+            KvKeepFirstFailure(result, one.Close());
         }
-        result(list.Close());
+        KvKeepFirstFailure(result, list.Close());
     }
-    result(top.Close());
-    return result.value;
+    KvKeepFirstFailure(result, top.Close());
+    return result;
 }
 
 kv_result SKvExperimentRecord::LoadFromLiteVariant(SKvExperimentRecord& record, CKvLiteVariantR& reader) {
@@ -746,12 +738,12 @@ bool SKvRecordedData::operator==(const SKvRecordedData& other) const {
 kv_result SKvRecordedData::SaveToLiteVariant(CKvLiteVariantW& writer, const SKvRecordedData& data) {
     SLiteSaver saver{writer, {}};
     VisitRecordedScalars(data, saver);
-    SResult result{saver.result};
-    for (uint32_t g = 0; g < eGroupCount && result.value == KV_OK; ++g) {
-        result(SaveLiteEntries(writer, kRecordedGroups[g].vector, kRecordedGroups[g].list, data.aGroups[g],
-                               SVisitRecordedDesc{}));
+    kv_result result = saver.result;
+    for (uint32_t g = 0; g < eGroupCount && result == KV_OK; ++g) {
+        result = SaveLiteEntries(writer, kRecordedGroups[g].vector, kRecordedGroups[g].list, data.aGroups[g],
+                                 SVisitRecordedDesc{});
     }
-    return result.value;
+    return result;
 }
 
 kv_result SKvRecordedData::LoadFromLiteVariant(SKvRecordedData& data, CKvLiteVariantR& reader) {
@@ -770,12 +762,12 @@ kv_result SKvRecordedData::SaveToVariant(CKvVariant& node, const SKvRecordedData
         BeginMembers(node);
         STreeSaver saver{node, {}};
         VisitRecordedScalars(data, saver);
-        SResult result{saver.result};
-        for (uint32_t g = 0; g < eGroupCount && result.value == KV_OK; ++g) {
-            result(SaveTreeEntries(node, kRecordedGroups[g].vector, kRecordedGroups[g].list, kRunTypeRecordedDataDesc,
-                                   data.aGroups[g], SVisitRecordedDesc{}));
+        kv_result result = saver.result;
+        for (uint32_t g = 0; g < eGroupCount && result == KV_OK; ++g) {
+            result = SaveTreeEntries(node, kRecordedGroups[g].vector, kRecordedGroups[g].list,
+                                     kRunTypeRecordedDataDesc, data.aGroups[g], SVisitRecordedDesc{});
         }
-        return EndMembers(node, kRunTypeRecordedData, result.value);
+        return EndMembers(node, kRunTypeRecordedData, result);
     });
 }
 
@@ -794,15 +786,10 @@ kv_result SKvRecordedData::LoadFromVariant(SKvRecordedData& data, const CKvVaria
 // ---------------------------------------------------------------- NI setup
 
 kv_result SKvExperimentNI::SaveToLiteVariant(CKvLiteVariantW& writer, const SKvExperimentNI& ni) {
-    SResult result;
-    result(writer.Set(ni.bIgnoreSetup, L"bIgnoreSetup"));
-    if (result.value == KV_OK) {
-        result(SaveLiteEntries(writer, L"VectorNISetupInputs", L"values", ni.aInputs, SVisitNIInput{}));
-    }
-    if (result.value == KV_OK) {
-        result(SaveLiteEntries(writer, L"VectorNISetupOutputs", L"values", ni.aOutputs, SVisitNIOutput{}));
-    }
-    return result.value;
+    kv_result result = writer.Set(ni.bIgnoreSetup, L"bIgnoreSetup");
+    if (result == KV_OK) result = SaveLiteEntries(writer, L"VectorNISetupInputs", L"values", ni.aInputs, SVisitNIInput{});
+    if (result == KV_OK) result = SaveLiteEntries(writer, L"VectorNISetupOutputs", L"values", ni.aOutputs, SVisitNIOutput{});
+    return result;
 }
 
 kv_result SKvExperimentNI::LoadFromLiteVariant(SKvExperimentNI& ni, CKvLiteVariantR& reader) {

@@ -183,8 +183,7 @@ CKvStringW::CKvStringW(const CKvStringA& utf8) : CKvStringW() {
     m_str = UTF8ToWide(utf8.c_str(), utf8.Size());
 }
 
-void CKvStringW::FormatV(const wchar_t* fmt, va_list args) {
-    m_str.clear();
+void CKvStringW::AppendFormatV(const wchar_t* fmt, va_list args) {
     if (!fmt) return;
     // vswprintf answers only "failed" both for a short buffer and for text it
     // cannot convert, so the buffer grows up to a bound and then gives up.
@@ -196,7 +195,7 @@ void CKvStringW::FormatV(const wchar_t* fmt, va_list args) {
         int n = std::vswprintf(buf.data(), buf.size(), fmt, copy);
         va_end(copy);
         if (n >= 0 && static_cast<size_t>(n) < buf.size()) {
-            m_str.assign(buf.data(), static_cast<size_t>(n));
+            m_str.append(buf.data(), static_cast<size_t>(n));
             return;
         }
         if (buf.size() >= kMaxFormattedLength) return;
@@ -212,12 +211,10 @@ void CKvStringW::Format(const wchar_t* fmt, ...) {
 }
 
 void CKvStringW::AppendFormat(const wchar_t* fmt, ...) {
-    CKvStringW tail;
     va_list args;
     va_start(args, fmt);
-    tail.FormatV(fmt, args);
+    AppendFormatV(fmt, args);
     va_end(args);
-    m_str += tail.m_str;
 }
 
 // ---- CKvStringA ----
@@ -230,8 +227,7 @@ CKvStringA::CKvStringA(const CKvStringW& wide) : CKvStringA() {
     m_str = CKvStringUtils::WtoUTF8(wide.c_str(), wide.Size()).Std();
 }
 
-void CKvStringA::FormatV(const char* fmt, va_list args) {
-    m_str.clear();
+void CKvStringA::AppendFormatV(const char* fmt, va_list args) {
     if (!fmt) return;
     const ScopedUtf8Locale utf8;
     va_list copy;
@@ -239,9 +235,10 @@ void CKvStringA::FormatV(const char* fmt, va_list args) {
     int n = std::vsnprintf(nullptr, 0, fmt, copy);
     va_end(copy);
     if (n <= 0) return;
-    m_str.resize(static_cast<size_t>(n) + 1);
-    std::vsnprintf(&m_str[0], m_str.size(), fmt, args);
-    m_str.resize(static_cast<size_t>(n));
+    // Formatted apart first: an argument may point into this very string.
+    std::string text(static_cast<size_t>(n) + 1, '\0');
+    std::vsnprintf(&text[0], text.size(), fmt, args);
+    m_str.append(text.data(), static_cast<size_t>(n));
 }
 
 void CKvStringA::Format(const char* fmt, ...) {
@@ -252,12 +249,10 @@ void CKvStringA::Format(const char* fmt, ...) {
 }
 
 void CKvStringA::AppendFormat(const char* fmt, ...) {
-    CKvStringA tail;
     va_list args;
     va_start(args, fmt);
-    tail.FormatV(fmt, args);
+    AppendFormatV(fmt, args);
     va_end(args);
-    m_str += tail.m_str;
 }
 
 // ---- conversions ----

@@ -104,8 +104,9 @@ public:
     // printf-style formatting (%ls for wide strings, %s for narrow ones, which
     // are taken as UTF-8 whatever the process locale).
     void Format(const wchar_t* fmt, ...);
-    void FormatV(const wchar_t* fmt, va_list args);
+    void FormatV(const wchar_t* fmt, va_list args) { m_str.clear(); AppendFormatV(fmt, args); }
     void AppendFormat(const wchar_t* fmt, ...);
+    void AppendFormatV(const wchar_t* fmt, va_list args);
 
     CKvStringW Left(int n) const { return CKvStringW(LeftStd(n)); }
     CKvStringW Mid(int first, int n = -1) const { return CKvStringW(MidStd(first, n)); }
@@ -127,8 +128,9 @@ public:
 
     // printf-style formatting; %ls arguments are written as UTF-8.
     void Format(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-    void FormatV(const char* fmt, va_list args);
+    void FormatV(const char* fmt, va_list args) { m_str.clear(); AppendFormatV(fmt, args); }
     void AppendFormat(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+    void AppendFormatV(const char* fmt, va_list args);
 
     CKvStringA Left(int n) const { return CKvStringA(LeftStd(n)); }
     CKvStringA Mid(int first, int n = -1) const { return CKvStringA(MidStd(first, n)); }

@@ -34,6 +34,12 @@ constexpr kv_result KV_ERR_TEMP_FILE = -1023;
 constexpr kv_result KV_ERR_FORMAT_NOT_SUPPORTED = -1506;
 constexpr kv_result KV_ERR_FORMAT_REGISTERED_TWICE = -1513;
 
+// Folds one step's result into `first`, keeping the first failure of a
+// sequence of steps that all run (closing a level after a failed fill, say).
+inline void KvKeepFirstFailure(kv_result& first, kv_result step) {
+    if (first == KV_OK && step != KV_OK) first = step;
+}
+
 inline bool KV_SUCCEEDED(kv_result r) { return r >= 0; }
 inline bool KV_FAILED(kv_result r) { return r < 0; }
 

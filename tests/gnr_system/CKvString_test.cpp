@@ -28,6 +28,15 @@ TEST(CKvString, Format) {
     w.Format(L"%ls", L"\U0001F600");
     w.AppendFormat(L"%d", 5);
     EXPECT_EQ(L"\U0001F6005", w.Std());
+
+    // Appending a string's own text to it: the arguments are read before the
+    // string grows.
+    a = CKvStringA(std::string(100, 'x').c_str());
+    a.AppendFormat("%s%s", a.c_str(), a.c_str());
+    EXPECT_EQ(std::string(300, 'x'), a.Std());
+    w = CKvStringW(std::wstring(100, L'y').c_str());
+    w.AppendFormat(L"%ls", w.c_str());
+    EXPECT_EQ(std::wstring(200, L'y'), w.Std());
 }
 
 TEST(CKvString, CompareNoCase) {
