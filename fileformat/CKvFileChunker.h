@@ -12,6 +12,7 @@
 #include "fileformat/CKvFileMemoWrapper.h"
 #include "gnr_system/CKvByteArray.h"
 #include "gnr_system/CKvString.h"
+#include "gnr_system/KvProgress.h"
 #include "gnr_system/KvResult.h"
 
 // Every chunk starts at a multiple of this; all writes are whole pages.
@@ -50,8 +51,6 @@ struct SKvChunkHeader {
 
 // Called for every chunk a recovery scan finds, and afterwards to add chunks.
 typedef int (*KvChunkCallback)(SKvChunkHeader& header, CKvStringA& name, CKvByteArray& data, void* userData);
-// Progress in [0, 1]; answering true cancels the operation with -8.
-typedef bool (*KvProgressCallback)(double fraction, void* userData);
 
 class CKvFileChunker {
 public:

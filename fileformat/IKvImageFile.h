@@ -5,7 +5,6 @@
 
 #include <cstdint>
 
-#include "fileformat/CKvFileChunker.h"
 #include "fileformat/SKvImageAttributes.h"
 #include "gnr_metaformats/ExperimentRecord.h"
 #include "gnr_metaformats/PictureMetadata.h"
@@ -14,6 +13,7 @@
 #include "gnr_system/CKvString.h"
 #include "gnr_system/CKvVariant.h"
 #include "gnr_system/KvClass.h"
+#include "gnr_system/KvProgress.h"
 #include "gnr_system/KvResult.h"
 
 class IKvInputImageFile;
