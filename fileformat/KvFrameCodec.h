@@ -51,7 +51,7 @@ public:
     // of `capacity` bytes; `packed` gets the stream's length. Uses up to
     // `threads` threads (0: KvGetFrameCodecThreads()); frames of at least
     // kBlockDeflateMinimum bytes with more than one thread are deflated in
-    // blocks. -4 for null pointers, -3 when memory runs out, -9 when the
+    // blocks. KV_ERR_INVALID_ARG for null pointers, KV_ERR_OUT_OF_MEMORY when memory runs out, KV_ERR_FAILED when the
     // stream does not fit `capacity`; `packed` is unchanged on failure.
     kv_result Compress(const void* src, uint64_t size, int level, uint8_t* out, uint64_t capacity,
                        uint64_t& packed, int threads = 0);
@@ -77,8 +77,8 @@ public:
 
     // Inflates the stream `src` of `srcSize` bytes into exactly `dstSize`
     // bytes at `dst`. The stream must be one valid zlib stream whose output is
-    // exactly `dstSize` bytes: -9 otherwise (the content of `dst` is then
-    // unspecified). -4 for null pointers.
+    // exactly `dstSize` bytes: KV_ERR_FAILED otherwise (the content of `dst` is then
+    // unspecified). KV_ERR_INVALID_ARG for null pointers.
     kv_result Inflate(const void* src, uint64_t srcSize, void* dst, uint64_t dstSize);
 
 protected:

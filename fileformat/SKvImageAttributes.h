@@ -42,12 +42,12 @@ struct SKvImageAttributes {
     // "uiSequenceCount", "uiTileWidth", "uiTileHeight", "eCompression",
     // "dCompressionParam". Loading takes each key that is present and keeps
     // the caller's value otherwise, except "eCompression" (0 when absent)
-    // and "ePixelType" (1 when absent). -9 when the level is missing.
+    // and "ePixelType" (1 when absent). KV_ERR_FAILED when the level is missing.
     static kv_result SaveToLiteVariant(CKvLiteVariantW& writer, const SKvImageAttributes& attributes);
     static kv_result LoadFromLiteVariant(SKvImageAttributes& attributes, CKvLiteVariantR& reader);
     // Tree form: a list named "SKvImageAttributes" with the same keys and the
     // same loading rules; a tree whose own name differs is searched for a
-    // member of that name. -9 when neither is found.
+    // member of that name. KV_ERR_FAILED when neither is found.
     static kv_result SaveToVariant(CKvVariant& node, const SKvImageAttributes& attributes);
     static kv_result LoadFromVariant(SKvImageAttributes& attributes, const CKvVariant& node);
 };
@@ -63,7 +63,7 @@ struct SKvImageTextInfo {
     bool operator!=(const SKvImageTextInfo& o) const { return !(*this == o); }
 
     // Level (lite) or list (tree) "SKvImageTextInfo" with the fourteen item
-    // keys; an absent key gives an empty text; a missing level is -9.
+    // keys; an absent key gives an empty text; a missing level is KV_ERR_FAILED.
     static kv_result SaveToLiteVariant(CKvLiteVariantW& writer, const SKvImageTextInfo& info);
     static kv_result LoadFromLiteVariant(SKvImageTextInfo& info, CKvLiteVariantR& reader);
     static kv_result SaveToVariant(CKvVariant& node, const SKvImageTextInfo& info);

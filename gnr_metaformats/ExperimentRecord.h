@@ -72,7 +72,7 @@ struct SKvExperimentEvent {
 
     SKvExperimentEvent() = default;
     // Deep copies; like any standard container they throw std::bad_alloc when
-    // memory runs out. The static Copy reports -3 instead.
+    // memory runs out. The static Copy reports KV_ERR_OUT_OF_MEMORY instead.
     SKvExperimentEvent(const SKvExperimentEvent& other);
     SKvExperimentEvent& operator=(const SKvExperimentEvent& other);
     SKvExperimentEvent(SKvExperimentEvent&&) noexcept = default;
@@ -84,14 +84,15 @@ struct SKvExperimentEvent {
     bool operator!=(const SKvExperimentEvent& other) const { return !(*this == other); }
 
     // Sets the time, clears the second time, copies both texts (null stays
-    // null), sets the ID and removes any stimulation. -3 out of memory.
+    // null), sets the ID and removes any stimulation. KV_ERR_OUT_OF_MEMORY when memory runs out.
     static kv_result Init(SKvExperimentEvent& event, double time, uint32_t meaning, const wchar_t* description,
                           const wchar_t* additional, uint32_t id);
     // The end-of-acquisition event: meaning eMeaningFinish, description
     // kEventTextInteractiveFinish.
     static kv_result InitInteractiveFinish(SKvExperimentEvent& event, double time, uint32_t id);
     static kv_result SetDescription(SKvExperimentEvent& event, const wchar_t* description, const wchar_t* additional);
-    // Type 0 removes the stimulation; any other type creates or overwrites it. -3 out of memory.
+    // Type 0 removes the stimulation; any other type creates or overwrites it.
+    // KV_ERR_OUT_OF_MEMORY when memory runs out.
     static kv_result SetStimulation(SKvExperimentEvent& event, uint32_t type, uint32_t length, uint32_t period);
     // Back to a default event, texts and stimulation released.
     static void Free(SKvExperimentEvent& event);
@@ -106,7 +107,7 @@ struct SKvExperimentEvent {
     // "wsDescription", "wsAdditional", "uiID", "pStimulation". Every member
     // is always written, since tree readers keep only the members of the
     // registered sample: a null text as an empty one (read back as null), no
-    // stimulation as one of type 0. -4 for a node of another run type.
+    // stimulation as one of type 0. KV_ERR_INVALID_ARG for a node of another run type.
     static kv_result SaveToVariant(CKvVariant& node, const SKvExperimentEvent& event);
     static kv_result LoadFromVariant(SKvExperimentEvent& event, const CKvVariant& node);
 };
@@ -136,20 +137,20 @@ struct SKvExperimentRecord {
     static uint32_t AddEvent(SKvExperimentRecord& record, const SKvExperimentEvent& event, uint32_t* index = nullptr);
     // Linear search by ID; false, `index` untouched, when no event has it.
     static bool FindEvent(const SKvExperimentRecord& record, uint32_t id, uint32_t* index = nullptr);
-    // Copies out the event at `index`. -9 out of range, -3 out of memory.
+    // Copies out the event at `index`. KV_ERR_FAILED out of range, KV_ERR_OUT_OF_MEMORY when memory runs out.
     static kv_result GetEvent(const SKvExperimentRecord& record, uint32_t index, SKvExperimentEvent& event);
     // Replaces the event at `index` by a copy of `event` that keeps the ID of
     // the one replaced, and moves it to its place when its time changed;
-    // `newIndex` receives that place. -9 out of range, -3 out of memory.
+    // `newIndex` receives that place. KV_ERR_FAILED out of range, KV_ERR_OUT_OF_MEMORY when memory runs out.
     static kv_result SetEvent(SKvExperimentRecord& record, uint32_t index, const SKvExperimentEvent& event,
                               uint32_t* newIndex = nullptr);
-    // -9 out of range. The capacity stays.
+    // KV_ERR_FAILED out of range. The capacity stays.
     static kv_result RemoveEvent(SKvExperimentRecord& record, uint32_t index);
 
     // The first event not earlier than `time`, or the last index when all are
     // earlier; 0 for an empty record.
     static uint32_t FindFirst(const SKvExperimentRecord& record, double time);
-    // These answer an index, also stored through `index` when given, or -9:
+    // These answer an index, also stored through `index` when given, or KV_ERR_FAILED:
     // GetPrevious the last event strictly earlier than `time`; GetNext the
     // event after FindFirst(time) when that one is at most `time` +
     // kEventTimeTolerance, else FindFirst(time) itself.
@@ -158,9 +159,9 @@ struct SKvExperimentRecord {
 
     // Adds every event of `src` to `dst` as AddEvent does: each gets a new
     // ID of `dst`, and among equal times `src`'s events follow `dst`'s. All
-    // or nothing: -3 out of memory leaves `dst` unchanged.
+    // or nothing: KV_ERR_OUT_OF_MEMORY when memory runs out leaves `dst` unchanged.
     static kv_result Merge(SKvExperimentRecord& dst, const SKvExperimentRecord& src);
-    // Deep copy, the last issued ID included. -3 leaves `dst` unchanged.
+    // Deep copy, the last issued ID included. KV_ERR_OUT_OF_MEMORY leaves `dst` unchanged.
     static kv_result Copy(SKvExperimentRecord& dst, const SKvExperimentRecord& src);
     // Empty again, memory released and IDs restarting at 1.
     static void Free(SKvExperimentRecord& record);
@@ -171,8 +172,8 @@ struct SKvExperimentRecord {
     // "pEvents" of "a%u" elements. Loading replaces the record with the
     // events present, at most "uiCount" of them, sorted by time; the last
     // issued ID becomes at least the highest ID loaded. The lite loader
-    // answers -9 when the level is missing, the tree loader -4 for a node of
-    // another run type; -3 out of memory.
+    // answers KV_ERR_FAILED when the level is missing, the tree loader KV_ERR_INVALID_ARG for a node of
+    // another run type; KV_ERR_OUT_OF_MEMORY when memory runs out.
     static kv_result SaveToLiteVariant(CKvLiteVariantW& writer, const SKvExperimentRecord& record);
     static kv_result LoadFromLiteVariant(SKvExperimentRecord& record, CKvLiteVariantR& reader);
     static kv_result SaveToVariant(CKvVariant& node, const SKvExperimentRecord& record);
@@ -229,8 +230,8 @@ struct SKvRecordedData {
     // "RKvRecordedData" with the same keys, the group levels as plain lists
     // and the descriptors as "a%i" elements of run type "RKvRecordedDataDesc".
     // Loading: missing keys keep their values; a group present is replaced
-    // by the descriptors present, at most "size" of them. -3 out of memory,
-    // -4 for a tree node of another run type.
+    // by the descriptors present, at most "size" of them. KV_ERR_OUT_OF_MEMORY when memory runs out,
+    // KV_ERR_INVALID_ARG for a tree node of another run type.
     static kv_result SaveToLiteVariant(CKvLiteVariantW& writer, const SKvRecordedData& data);
     static kv_result LoadFromLiteVariant(SKvRecordedData& data, CKvLiteVariantR& reader);
     static kv_result SaveToVariant(CKvVariant& node, const SKvRecordedData& data);

@@ -69,10 +69,10 @@ struct SKvPictureMetadata {
     // aspect and objective values -1, identity transform, no planes, no
     // physical variables.
     void SetToDefault();
-    // Deep copy, planes and physical variables included; -3 out of memory
+    // Deep copy, planes and physical variables included; KV_ERR_OUT_OF_MEMORY when memory runs out
     // (`dst` then unchanged).
     static kv_result Copy(SKvPictureMetadata& dst, const SKvPictureMetadata& src);
-    // Replaces the physical variables by `count` copies from `variables`; -3.
+    // Replaces the physical variables by `count` copies from `variables`; KV_ERR_OUT_OF_MEMORY.
     static kv_result SetPhysicalVariables(SKvPictureMetadata& meta, const SKvPhysicalVariable* variables,
                                           uint32_t count);
 
@@ -87,7 +87,7 @@ struct SKvPictureMetadata {
     // Loading is lenient: keys that are missing or of an unusable type keep
     // the field's value. The old key "dPinholeRadius", when above 0, gives
     // every plane a pinhole diameter of twice the radius. Wrong run type or
-    // missing level: -4 / -9 and nothing changed.
+    // missing level: KV_ERR_INVALID_ARG / KV_ERR_FAILED and nothing changed.
     static kv_result SaveToVariant(CKvVariant& node, const SKvPictureMetadata& meta);
     static kv_result LoadFromVariant(SKvPictureMetadata& meta, const CKvVariant& node);
     // Opens (enters) the level "SKvPictureMetadata" in the current level.

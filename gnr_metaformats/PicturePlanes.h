@@ -93,7 +93,7 @@ struct SKvPicturePlaneDesc {
     // The mask a plane of `componentCount` components gets when its own is invalid.
     static uint64_t RepairedModalityMask(uint32_t componentCount);
 
-    // ---- Arrays: `count` default descriptors (null for 0; -3 out of memory),
+    // ---- Arrays: `count` default descriptors (null for 0; KV_ERR_OUT_OF_MEMORY when memory runs out),
     // freed again with FreeArray (which nulls the pointer).
     static kv_result AllocArray(SKvPicturePlaneDesc*& array, uint32_t count);
     static void FreeArray(SKvPicturePlaneDesc*& array);
@@ -104,7 +104,7 @@ struct SKvPicturePlaneDesc {
     // carries every field. The old form (run type "RKvPicturePlaneDescV1_1",
     // an element of "sPlane") carries the modality as "eModality" and no
     // sample index, pinhole or channel series index; it is saved from the
-    // whole plane set (-9 when `index` is out of range). Loading accepts the
+    // whole plane set (KV_ERR_FAILED when `index` is out of range). Loading accepts the
     // three stored versions and repairs an invalid mask.
     static kv_result SaveToVariant(CKvVariant& node, const SKvPicturePlaneDesc& desc);
     static kv_result SaveToVariantOld(CKvVariant& node, const SKvPicturePlanes& planes, uint32_t index);
@@ -132,9 +132,9 @@ struct SKvPicturePlanes {
 
     // ---- Memory. Alloc replaces the content by `planeCount` default
     // descriptors and `sampleCount` zeroed setting slots, with uiCompCount 0
-    // (-3 out of memory, the set then empty). Free releases both arrays and
+    // (KV_ERR_OUT_OF_MEMORY when memory runs out, the set then empty). Free releases both arrays and
     // zeroes the three counts; description and representation stay. Copy
-    // deep-copies (-3, `dst` unchanged).
+    // deep-copies (KV_ERR_OUT_OF_MEMORY, `dst` unchanged).
     static kv_result Alloc(SKvPicturePlanes& planes, uint32_t planeCount, uint32_t sampleCount);
     static void Free(SKvPicturePlanes& planes);
     static kv_result Copy(SKvPicturePlanes& dst, const SKvPicturePlanes& src);
@@ -173,7 +173,7 @@ struct SKvPicturePlanes {
     static uint32_t MaskedSampleCount(const SKvPicturePlanes& planes, const CKvRangeMask& mask);
 
     // One plane (fluorescence, white, "Mono" / brightfield RGB "Brightfield"),
-    // representation 0, one settings slot, no set description. -3.
+    // representation 0, one settings slot, no set description. KV_ERR_OUT_OF_MEMORY.
     static kv_result MakeMono(SKvPicturePlanes& planes);
     static kv_result MakeRGB(SKvPicturePlanes& planes);
     // Makes `planes` describe a pixel of `componentCount` components, as a
@@ -185,14 +185,14 @@ struct SKvPicturePlanes {
     // green, blue, cyan, magenta, yellow (repeating), or above 1024 components
     // (a damaged count) a single plane "Channels" holding them all. Kept
     // planes get sample indices that follow each other, uiCompCount set, and
-    // settings slots up to the last sample index. -3 out of memory.
+    // settings slots up to the last sample index. KV_ERR_OUT_OF_MEMORY when memory runs out.
     static kv_result MakeCompatible(SKvPicturePlanes& planes, uint32_t componentCount);
     // Appends copies of the planes of `src` (those `mask` selects; indices
     // past its planes ignored) to `dst`. The result's sample indices follow
     // each other, uiCompCount is the sum of all components, each plane keeps
     // the settings slot it had (a zeroed slot when it had none), and the
     // description and representation stay those of `dst` (of `src` when
-    // `dst` was empty). `dst` may be `src`. -3 out of memory, -4 when the
+    // `dst` was empty). `dst` may be `src`. KV_ERR_OUT_OF_MEMORY when memory runs out, KV_ERR_INVALID_ARG when the
     // components would not fit 32 bits (`dst` unchanged either way).
     static kv_result MergePlanes(SKvPicturePlanes& dst, const SKvPicturePlanes& src);
     static kv_result MergePlanes(SKvPicturePlanes& dst, const SKvPicturePlanes& src, const CKvRangeMask& mask);

@@ -17,8 +17,8 @@ struct SKvPicBuf {
 
     // Shapes the picture and allocates its rows (zeroed). Rows are
     // `widthBytes` apart, or the tight width rounded up to 4 bytes when 0.
-    // -4 for a zero dimension, bits other than 8/16/32, or `widthBytes`
-    // below the tight width; -3 out of memory. The picture is unchanged on failure.
+    // KV_ERR_INVALID_ARG for a zero dimension, bits other than 8/16/32, or `widthBytes`
+    // below the tight width; KV_ERR_OUT_OF_MEMORY when memory runs out. The picture is unchanged on failure.
     kv_result Create(uint32_t width, uint32_t height, uint32_t components, uint32_t bitsPerComponent,
                      uint32_t widthBytes = 0);
     uint8_t* Row(uint32_t y) { return aData.data() + static_cast<size_t>(y) * uiWidthBytes; }

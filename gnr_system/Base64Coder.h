@@ -11,7 +11,7 @@
 class Base64Coder {
 public:
     // Encodes `count` bytes with the standard alphabet and '=' padding, no
-    // line breaks. -4 for a null pointer with a non-zero count.
+    // line breaks. KV_ERR_INVALID_ARG for a null pointer with a non-zero count.
     kv_result Encode(const void* bytes, uint64_t count);
     // The text of the last Encode, zero-terminated; `*length` (if given)
     // receives its length without the terminator.
@@ -22,7 +22,7 @@ public:
     // of a group ends it with one byte, in the fourth with two. A short final
     // group decodes as far as it goes. Decoding stops at the first character
     // outside the alphabet: what stands before it is decoded (a partial group
-    // as far as it goes) and -9 is returned.
+    // as far as it goes) and KV_ERR_FAILED is returned.
     kv_result DecodeW(const wchar_t* text);
     kv_result DecodeA(const unsigned char* text, unsigned length);
     kv_result DecodeA(const CKvStringA& text);

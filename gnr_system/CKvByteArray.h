@@ -35,11 +35,11 @@ public:
     // Writes `size` bytes at the end of the valid bytes (op 1) or at the start
     // (any other op). alloc 1 never grows the buffer, 2 grows it in whole
     // increments, anything else to exactly the size needed. A null `data`
-    // only reserves. Answers 0, -3 when the buffer cannot grow (it is left as
-    // it was), -8 when only part of the data fit, -9 when none of it did.
+    // only reserves. Answers 0, KV_ERR_OUT_OF_MEMORY when the buffer cannot grow (it is left as
+    // it was), KV_ERR_CANCELLED when only part of the data fit, KV_ERR_FAILED when none of it did.
     kv_result SetData(const void* data, uint64_t size, int op = eOpSet, int alloc = eAllocExact);
     // Sets the number of valid bytes, growing the capacity to exactly `size`
-    // when needed; new bytes are not initialised. -3 when it cannot grow.
+    // when needed; new bytes are not initialised. KV_ERR_OUT_OF_MEMORY when it cannot grow.
     kv_result SetSize(uint64_t size);
     // Makes the capacity at least `capacity` without changing the content.
     kv_result Reserve(uint64_t capacity);
@@ -66,7 +66,7 @@ public:
     const uint8_t* GetCurrentOffsetPtr() const { return m_pData ? m_pData + m_nCurrentOffset : nullptr; }
 
 protected:
-    // Grows or shrinks the block to exactly `capacity` bytes; -3 on failure.
+    // Grows or shrinks the block to exactly `capacity` bytes; KV_ERR_OUT_OF_MEMORY on failure.
     kv_result Reallocate(uint64_t capacity);
 
     uint8_t* m_pData = nullptr;

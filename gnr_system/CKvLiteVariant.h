@@ -72,7 +72,7 @@ public:
     CKvLiteVariantW& operator=(const CKvLiteVariantW&) = delete;
 
     // Each appends one item to the innermost open level (or the top level).
-    // Names longer than 254 characters are cut to 254. -3 out of memory.
+    // Names longer than 254 characters are cut to 254. KV_ERR_OUT_OF_MEMORY when memory runs out.
     kv_result Set(bool value, const wchar_t* name);
     kv_result Set(int32_t value, const wchar_t* name);
     kv_result Set(uint32_t value, const wchar_t* name);
@@ -80,7 +80,7 @@ public:
     kv_result Set(uint64_t value, const wchar_t* name);
     kv_result Set(double value, const wchar_t* name);
     kv_result Set(const void* value, const wchar_t* name);
-    // A null string fails with -9.
+    // A null string fails with KV_ERR_FAILED.
     kv_result Set(const wchar_t* value, const wchar_t* name);
     kv_result Set(const CKvStringW& value, const wchar_t* name) { return Set(value.GetString(), name); }
     kv_result Set(const CKvByteArray& value, const wchar_t* name);
@@ -90,24 +90,24 @@ public:
     // a level holding its elements under their own names, preceded by a
     // kLvRunTypeItemName string when its run type is not the plain list's (or
     // when its first element would be mistaken for that item); a null variant
-    // an empty level, or nothing when the name is empty. -9 for a tree
-    // nested deeper than kLvMaxLevelDepth levels, -3 out of memory; on
+    // an empty level, or nothing when the name is empty. KV_ERR_FAILED for a tree
+    // nested deeper than kLvMaxLevelDepth levels, KV_ERR_OUT_OF_MEMORY when memory runs out; on
     // failure nothing of the tree stays written.
     kv_result Set(const CKvVariant& value, const wchar_t* name = nullptr);
 
     // The primitive behind every Set: `size` value bytes of a type 1 to 9
     // (for type 9 the byte count is written before them). Fixed-size types
-    // must get their exact width, strings their units with the 0 unit; -9 else.
+    // must get their exact width, strings their units with the 0 unit; KV_ERR_FAILED else.
     kv_result Write(uint8_t type, const wchar_t* name, const void* data, uint64_t size);
 
     // Opens a level. At the top level only the very first item may be a
-    // level (-9 otherwise).
+    // level (KV_ERR_FAILED otherwise).
     kv_result LevelBegin(const wchar_t* name);
-    // Writes the open level's header fields and sorted index; -9 when none is open.
+    // Writes the open level's header fields and sorted index; KV_ERR_FAILED when none is open.
     kv_result LevelEnd();
 
     // Copies the reader's current item, a whole level included, as one new
-    // item; -9 when the reader has no valid item there. The non-const form
+    // item; KV_ERR_FAILED when the reader has no valid item there. The non-const form
     // first expands a compressed or old-form buffer.
     kv_result Append(CKvLiteVariantR& reader);
     kv_result Append(const CKvLiteVariantR& reader);
@@ -117,7 +117,7 @@ public:
 
     // Closes every open level and hands the buffer to `out`; the writer is
     // left empty. With `compress` 1 `out` gets the compressed envelope; if
-    // compression fails, -9 and the writer keeps its finished buffer.
+    // compression fails, KV_ERR_FAILED and the writer keeps its finished buffer.
     kv_result Finalize(CKvLiteVariantR& out, int compress);
 
     // Index order of two items' names: <0, 0, >0. Both must point at item headers.
@@ -168,11 +168,11 @@ public:
     void Clear();
 
     // Expands a compressed envelope in place. 0 when done or when the buffer
-    // is no envelope; -9 when the stream is bad or its declared length impossible.
+    // is no envelope; KV_ERR_FAILED when the stream is bad or its declared length impossible.
     kv_result Decompress();
 
     bool IsNextValue();
-    // Steps over the current item (a whole level with its index); -9 at the end.
+    // Steps over the current item (a whole level with its index); KV_ERR_FAILED at the end.
     kv_result NextValue();
     // Type code of the current item; 0 at the end of the buffer or level.
     uint8_t GetCurrentType();
@@ -188,13 +188,13 @@ public:
     int32_t GetLevelIndex() const { return static_cast<int32_t>(m_aLevels.size()) - 1; }
 
     // Buffer offset of the item `name` (a leading backslash makes it a path
-    // from the top). -9 when absent. The position stays unchanged.
+    // from the top). KV_ERR_FAILED when absent. The position stays unchanged.
     kv_result Find(const wchar_t* name, uint64_t& offset);
     bool IsValueSet(const wchar_t* name);
 
     // Copies the fixed-size value (types 1 to 7) of `name` into `dest`, which
     // holds `size` bytes, and steps past it. Signed and unsigned integers of
-    // one width read as each other; any other mismatch is -9.
+    // one width read as each other; any other mismatch is KV_ERR_FAILED.
     kv_result Read(uint8_t type, const wchar_t* name, void* dest, uint64_t size);
 
     // The value of `name`, or `def` when it is missing or of another type.
@@ -229,8 +229,8 @@ public:
     // the matching run type; a level becomes a list of its children, each
     // named after its item, and takes the run type a leading
     // kLvRunTypeItemName string names (SetRunTypeCompatible). Children that
-    // cannot be read are left out. -9 when there is no valid current item,
-    // -3 out of memory. The position stays on the item.
+    // cannot be read are left out. KV_ERR_FAILED when there is no valid current item,
+    // KV_ERR_OUT_OF_MEMORY when memory runs out. The position stays on the item.
     kv_result GetCurrentValue(CKvVariant& value);
     // The same for the item `name`; on success steps past it.
     kv_result Get(const wchar_t* name, CKvVariant& value);
@@ -267,7 +267,7 @@ public:
 
     // Expands a compressed buffer and converts an old-form level at the position.
     kv_result PrepareCurrent();
-    // The bytes of the current item; -9 when there is no valid item.
+    // The bytes of the current item; KV_ERR_FAILED when there is no valid item.
     kv_result GetCurrentItem(const uint8_t*& data, uint64_t& size) const;
 
 private:
@@ -354,7 +354,7 @@ public:
 
     CKvRefLiteVariantR* Get() const { return m_pReader; }
     bool IsNotNull() const { return m_pReader != nullptr; }
-    // Creates an empty reader when none is held; -3 out of memory.
+    // Creates an empty reader when none is held; KV_ERR_OUT_OF_MEMORY when memory runs out.
     kv_result MakeNotNull();
     // In addition copies the reader when it is shared.
     kv_result MakeNotNullAndUnique();

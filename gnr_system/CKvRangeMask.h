@@ -13,7 +13,7 @@ public:
     CKvRangeMask() = default;
 
     // Selects one index, or every index of first..last (both included; nothing
-    // when last < first). -3 out of memory.
+    // when last < first). KV_ERR_OUT_OF_MEMORY when memory runs out.
     kv_result Add(uint32_t index);
     kv_result AddRange(uint32_t first, uint32_t last);
     void Remove(uint32_t index);

@@ -15,7 +15,7 @@ public:
     virtual kv_result Load(CKvVariant& tree, const CKvVariant& options) = 0;
 };
 
-// Deepest nesting of nodes a document may have; deeper documents fail with -9,
+// Deepest nesting of nodes a document may have; deeper documents fail with KV_ERR_FAILED,
 // so that what is read can be written, copied and destroyed without running
 // out of stack.
 constexpr int kXmlMaxNodeDepth = 256;
@@ -26,26 +26,26 @@ public:
     // Writes the whole document of `tree`. The destination is the "voidPtr"
     // member of `options` named "string" (a CKvStringW*, gets the wide
     // document) or else "stringUTF8" (a CKvStringA*, gets the UTF-8 document);
-    // its previous content is replaced. -4 when neither is there, -3 when
+    // its previous content is replaced. KV_ERR_INVALID_ARG when neither is there, KV_ERR_OUT_OF_MEMORY when
     // memory runs out.
     kv_result Save(CKvVariant& options, const CKvVariant& tree) override;
     // Reads a document into `tree`. The source is taken from `options`, in
     // this order: "string" (CKvStringW*), "rawString" with "rawStringLen" (a
     // wide buffer and its length in characters), "stringUTF8" (CKvStringA*),
-    // "rawStringUTF8" with "rawStringLen" (bytes). -4 when none is there;
+    // "rawStringUTF8" with "rawStringLen" (bytes). KV_ERR_INVALID_ARG when none is there;
     // otherwise as VariantFromXML.
     kv_result Load(CKvVariant& tree, const CKvVariant& options) override;
 
     // Appends the elements of `node` and its subtree (no declaration, no
-    // "variant" root). A null node writes nothing. 0, or -3.
+    // "variant" root). A null node writes nothing. 0, or KV_ERR_OUT_OF_MEMORY.
     static kv_result VariantToXML(CKvStringW& out, const CKvVariant& node);
     // The same in UTF-8; doubles are written with "%.15g" here.
     static kv_result VariantToXML_UTF8(CKvStringA& out, const CKvVariant& node);
 
     // Reads the tree of a whole document into `tree` (left as it is when the
-    // document holds no node): 0, or -9 when the text is no well-formed
+    // document holds no node): 0, or KV_ERR_FAILED when the text is no well-formed
     // document, the root is not <variant version="1.0">, or nodes nest deeper
-    // than kXmlMaxNodeDepth; -3 when memory runs out. On failure `tree` may be
+    // than kXmlMaxNodeDepth; KV_ERR_OUT_OF_MEMORY when memory runs out. On failure `tree` may be
     // partly filled. `length` counts characters; the wide form prints expat's
     // error and line to standard output.
     // Reading is lenient: an element of an unregistered run type becomes an

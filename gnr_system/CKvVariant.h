@@ -70,14 +70,14 @@ private:
 class CKvVariantData {
 public:
     virtual ~CKvVariantData() = default;
-    // Text form of the value; fails (-9) only where the type has no text for it.
+    // Text form of the value; fails (KV_ERR_FAILED) only where the type has no text for it.
     virtual kv_result Write(CKvStringW& text) const = 0;
     virtual kv_result Read(const CKvStringW& text) { return Read(text.GetString()); }
     virtual kv_result Read(const wchar_t* text) = 0;
     // Same type and same value.
     virtual bool Eq(const CKvVariantData& other) const = 0;
     virtual void* GetValueVoidPtr() = 0;
-    // Copies the value into `target`, which must be of the same class (-9 otherwise).
+    // Copies the value into `target`, which must be of the same class (KV_ERR_FAILED otherwise).
     virtual kv_result GetValueCopy(CKvVariantData& target) const = 0;
     virtual std::unique_ptr<CKvVariantData> Clone() const = 0;
     virtual CKvVariantRunType GetRunType() const = 0;
@@ -155,7 +155,7 @@ public:
     using CKvVariantData::Read;
     // The elements' text forms joined by one space.
     kv_result Write(CKvStringW& text) const override;
-    // A list has no text parse: -5.
+    // A list has no text parse: KV_ERR_NOT_PROVIDED.
     kv_result Read(const wchar_t* text) override;
     // Same run type and elements equal pairwise in name and value.
     bool Eq(const CKvVariantData& other) const override;
@@ -259,7 +259,7 @@ public:
     bool IsEnabledTypeChange() const { return m_bTypeChange; }
 
     // ---- Text
-    // A null node has no text form (-9).
+    // A null node has no text form (KV_ERR_FAILED).
     kv_result Write(CKvStringW& text) const;
     kv_result Read(const CKvStringW& text);
     kv_result Read(const wchar_t* text);
@@ -281,7 +281,7 @@ public:
     CKvVariant* IndexPtr(int index);
     const CKvVariant* IndexPtr(int index) const;
     // Index of the first element named `name`; -1 when the node is no list,
-    // -9 when the list is empty or has no such element.
+    // KV_ERR_FAILED when the list is empty or has no such element.
     int IndexOf(const CKvStringW& name) const;
     // The element named like `sample`; null when there is none.
     CKvVariant* Member(const CKvVariant& sample);
@@ -293,7 +293,7 @@ public:
     // does not). Answer the new element, null only when memory ran out.
     CKvVariant* Append(const CKvVariant& element);
     CKvVariant* Insert(const CKvVariant& element, int index);
-    // -9 when the node is no list, -4 when `index` is out of range.
+    // KV_ERR_FAILED when the node is no list, KV_ERR_INVALID_ARG when `index` is out of range.
     kv_result Delete(unsigned index);
     // Removes every element of a list (keeping its run type); no-op otherwise.
     void ClearList();
@@ -313,8 +313,8 @@ public:
     // ---- Run types
     // Empty for a null node.
     CKvVariantRunType GetRunType() const;
-    // 0 when already `runType`; -9 when it differs and type change is not
-    // enabled; -4 when `runType` is not registered. A node whose structure
+    // 0 when already `runType`; KV_ERR_FAILED when it differs and type change is not
+    // enabled; KV_ERR_INVALID_ARG when `runType` is not registered. A node whose structure
     // differs from the sample's becomes a copy of the sample; one that matches
     // keeps its values and takes the sample's run types and member names.
     kv_result SetRunType(const CKvVariantRunType& runType);
@@ -325,7 +325,7 @@ public:
     // every member, recursively); 1 otherwise.
     static int CompareStructure(const CKvVariant& a, const CKvVariant& b, bool deep);
     // Registers `sample` under its name; a name registered before keeps its
-    // first sample and index. -4 for a null sample or an empty name.
+    // first sample and index. KV_ERR_INVALID_ARG for a null sample or an empty name.
     static kv_result RegisterRunType(const CKvVariant& sample);
     // Makes sure the ten built-in types are registered (they always are:
     // the registry starts with them, indexes 0 to 9). Safe to call again.

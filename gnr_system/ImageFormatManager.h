@@ -20,20 +20,20 @@ typedef void (*KvImageFileProgress)(int, uint64_t, uint64_t, void*);
 class IKvImageFormatManager : public IKvInterface {
 public:
     // Appends `format` (the registry then owns a reference) and answers its
-    // index. -4 for null, -1513 when its identifier is registered already.
+    // index. KV_ERR_INVALID_ARG for null, KV_ERR_FORMAT_REGISTERED_TWICE when its identifier is registered already.
     virtual kv_result RegisterImageFormat(IKvImageFormat* format, uint32_t* index) = 0;
     // Registers the formats of this library once (again with `reload`).
     virtual kv_result LoadAllImageFormats(bool reload) = 0;
     virtual uint32_t GetImageFormatCount() = 0;
-    // -4 for an index out of range or an object that is no image format.
+    // KV_ERR_INVALID_ARG for an index out of range or an object that is no image format.
     virtual kv_result GetImageFormat(uint32_t index, IKvImageFormat*& format) = 0;
-    // Exact identifier; -4 when absent.
+    // Exact identifier; KV_ERR_INVALID_ARG when absent.
     virtual kv_result GetImageFormatByID(CKvStringA id, IKvImageFormat*& format) = 0;
     // By the last extension of the name, compared without regard to case;
-    // the first registered format that lists it. -4 when none does.
+    // the first registered format that lists it. KV_ERR_INVALID_ARG when none does.
     virtual kv_result GetImageFormatByFilename(CKvStringW fileName, IKvImageFormat*& format) = 0;
     // Declared for formats that manage their files themselves; this registry
-    // does not provide them and answers -5 (-4 when no format takes the name).
+    // does not provide them and answers KV_ERR_NOT_PROVIDED (KV_ERR_INVALID_ARG when no format takes the name).
     virtual kv_result CopyImageFile(const wchar_t* from, const wchar_t* to, int flags, int* cancel,
                                     KvImageFileProgress progress, void* userData) = 0;
     virtual kv_result MoveImageFile(const wchar_t* from, const wchar_t* to, int flags, int* cancel,

@@ -39,11 +39,11 @@ struct SKvClassInfo {
 };
 
 // Registers `info` (static storage) under its name; a name registered before
-// keeps its first entry. -4 for a null or nameless entry.
+// keeps its first entry. KV_ERR_INVALID_ARG for a null or nameless entry.
 kv_result KvRegisterClass(const SKvClassInfo* info);
 // The registration of `className`, or null.
 const SKvClassInfo* KvFindClass(const char* className);
 // Creates an object of `className` and answers it as `interfaceName` in
-// `*object`: -4 for null arguments or an unknown class, -3 out of memory,
-// -13 when the class does not implement the interface (nothing is kept).
+// `*object`: KV_ERR_INVALID_ARG for null arguments or an unknown class, KV_ERR_OUT_OF_MEMORY when memory runs out,
+// KV_ERR_NOT_FOUND when the class does not implement the interface (nothing is kept).
 kv_result KvCreateObject(const char* className, const char* interfaceName, void** object);
