@@ -430,5 +430,16 @@ TEST(PictureSequence, StoredBytesOfEveryKindStayTheSame) {
         const uint64_t treeHash = Fnv(xml.GetString(), xml.GetLength() * sizeof(wchar_t));
         EXPECT_EQ(expected[type][0], liteHash);
         EXPECT_EQ(expected[type][1], treeHash);
+
+        // Both forms bring every field back; the lite form keeps only the
+        // count of the kinds that store nothing else there.
+        Exp fromLite, fromTree;
+        ASSERT_EQ(KV_OK, Exp::LoadFromLiteVariant(fromLite, lite));
+        ASSERT_EQ(KV_OK, Exp::LoadFromVariant(fromTree, node));
+        EXPECT_TRUE(Exp::IsEqual(e.get(), &fromTree, true, true));
+        const bool countOnly = type == Exp::eExpXYDiscrLoop || type == Exp::eExpPolarLoop ||
+                               type == Exp::eExpCustomLoop || type == Exp::eExpManualTimeLoop;
+        EXPECT_EQ(!countOnly, Exp::IsEqual(e.get(), &fromLite, true, true));
+        EXPECT_EQ(e->uLoopPars.uiCount, fromLite.uLoopPars.uiCount);
     }
 }
