@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "gnr_metaformats/PictureSequence.h"
 #include "gnr_system/KvResult.h"
@@ -43,6 +44,46 @@ struct SResult {
         if (value == KV_OK && r < 0) value = r;
     }
 };
+
+// The members by which a saver (`Self`) differs from a loader: values kept
+// for older readers are written and not read, and the reverse.
+template <typename Self>
+struct SSaverRole {
+    template <typename T>
+    void SaveOnly(const wchar_t* key, const T& value) {
+        static_cast<Self&>(*this)(key, value);
+    }
+    template <typename T>
+    void LoadOnly(const wchar_t*, const T&) {}
+    // The length of a list, which loaders take from what is present.
+    template <typename T>
+    void Count(const wchar_t* key, const std::vector<T>& list) {
+        static_cast<Self&>(*this)(key, static_cast<uint32_t>(list.size()));
+    }
+};
+template <typename Self>
+struct SLoaderRole {
+    template <typename T>
+    void SaveOnly(const wchar_t*, const T&) {}
+    template <typename T>
+    void LoadOnly(const wchar_t* key, T& value) {
+        static_cast<Self&>(*this)(key, value);
+    }
+    template <typename T>
+    void Count(const wchar_t*, const std::vector<T>&) {}
+};
+
+// Runs `load` on a fresh experiment and moves it into `exp` only when it
+// succeeds, so that a failed load leaves `exp` as it was.
+template <typename Load>
+kv_result LoadStaged(Exp& exp, Load load) {
+    return KvNoThrow([&] {
+        Exp staged;
+        const kv_result r = load(staged);
+        if (r == KV_OK) Exp::Swap(exp, staged);
+        return r;
+    });
+}
 
 // ---- Helpers of both forms (PictureSequenceKinds.cpp)
 

@@ -66,7 +66,8 @@ kv_result ReadLiteLevels(CKvLiteVariantR& rd, uint32_t& count, Exp**& array, uin
 }
 
 // Writes what a table lists; the first failure is kept in `r`.
-struct SLiteSaver {
+struct SLiteSaver : SSaverRole<SLiteSaver> {
+    SLiteSaver(CKvLiteVariantW& writer, SResult& result, uint32_t level) : w(writer), r(result), depth(level) {}
     CKvLiteVariantW& w;
     SResult& r;
     uint32_t depth;
@@ -75,12 +76,6 @@ struct SLiteSaver {
     void operator()(const wchar_t* key, const T& value) {
         r(w.Set(value, key));
     }
-    template <typename T>
-    void SaveOnly(const wchar_t* key, const T& value) {
-        (*this)(key, value);
-    }
-    template <typename T>
-    void LoadOnly(const wchar_t*, const T&) {}
     template <typename S, typename Fields>
     void Record(const wchar_t* key, const char*, const S& record, Fields fields) {
         LiteLevel(w, r, key, [&] { fields(record, *this); });
@@ -96,10 +91,6 @@ struct SLiteSaver {
         LiteLevel(w, r, key, [&] {
             for (const CKvStringW& s : list) r(w.Set(s, nullptr));
         });
-    }
-    template <typename T>
-    void Count(const wchar_t* key, const std::vector<T>& list) {
-        (*this)(key, static_cast<uint32_t>(list.size()));
     }
     void Flags(const wchar_t* key, const std::vector<uint8_t>& bytes) {
         if (!bytes.empty()) r(w.Set(bytes.data(), bytes.size(), key));
@@ -124,7 +115,8 @@ struct SLiteSaver {
 
 // Reads what a table lists; missing items leave the fields as they are.
 // `result` keeps the first failure of a nested experiment.
-struct SLiteLoader {
+struct SLiteLoader : SLoaderRole<SLiteLoader> {
+    SLiteLoader(CKvLiteVariantR& reader, uint32_t level) : rd(reader), depth(level) {}
     CKvLiteVariantR& rd;
     uint32_t depth;
     kv_result result = KV_OK;
@@ -132,12 +124,6 @@ struct SLiteLoader {
     template <typename T>
     void operator()(const wchar_t* key, T& value) {
         KvMeta::LvGet(rd, key, value);
-    }
-    template <typename T>
-    void SaveOnly(const wchar_t*, const T&) {}
-    template <typename T>
-    void LoadOnly(const wchar_t* key, T& value) {
-        (*this)(key, value);
     }
     template <typename S, typename Fields>
     void Record(const wchar_t* key, const char*, S& record, Fields fields) {
@@ -162,8 +148,6 @@ struct SLiteLoader {
             if (rd.NextValue() != KV_OK) break;
         }
     }
-    template <typename T>
-    void Count(const wchar_t*, const std::vector<T>&) {}
     // Fitted to the phases afterwards (ClampToPresent).
     void Flags(const wchar_t* key, std::vector<uint8_t>& bytes) {
         uint64_t size = 0;
@@ -294,10 +278,5 @@ kv_result SKvExperiment::WriteToLiteVariant(CKvLiteVariantW& writer, const SKvEx
 }
 
 kv_result SKvExperiment::ReadFromLiteVariant(SKvExperiment& exp, CKvLiteVariantR& reader) {
-    return KvNoThrow([&] {
-        SKvExperiment staged;
-        const kv_result r = KvExpIO::ReadLite(staged, reader, 0);
-        if (r == KV_OK) Swap(exp, staged);
-        return r;
-    });
+    return KvExpIO::LoadStaged(exp, [&](SKvExperiment& staged) { return KvExpIO::ReadLite(staged, reader, 0); });
 }

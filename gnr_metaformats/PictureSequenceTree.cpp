@@ -80,7 +80,8 @@ kv_result TreeLoadLevels(const CKvVariant& node, uint32_t& count, Exp**& array, 
 }
 
 // Appends what a table lists to `node`; the first failure is kept in `r`.
-struct STreeSaver {
+struct STreeSaver : SSaverRole<STreeSaver> {
+    STreeSaver(CKvVariant& list, SResult& result, uint32_t level) : node(list), r(result), depth(level) {}
     CKvVariant& node;
     SResult& r;
     uint32_t depth;
@@ -89,12 +90,6 @@ struct STreeSaver {
     void operator()(const wchar_t* key, const T& value) {
         if (!KvMeta::Put(node, key, value)) r(KV_ERR_OUT_OF_MEMORY);
     }
-    template <typename T>
-    void SaveOnly(const wchar_t* key, const T& value) {
-        (*this)(key, value);
-    }
-    template <typename T>
-    void LoadOnly(const wchar_t*, const T&) {}
     template <typename S, typename Fields>
     void Record(const wchar_t* key, const char* runType, const S& record, Fields fields) {
         if (r.value != KV_OK) return;
@@ -131,10 +126,6 @@ struct STreeSaver {
             s.Record(name, runType, points[i].*field, fields);
         });
     }
-    template <typename T>
-    void Count(const wchar_t* key, const std::vector<T>& list) {
-        (*this)(key, static_cast<uint32_t>(list.size()));
-    }
     void Flags(const wchar_t* key, const std::vector<uint8_t>& bytes) {
         List(key, bytes.size(), [&](STreeSaver& s, const wchar_t* name, uint32_t i) { s(name, bytes[i] != 0); });
     }
@@ -164,7 +155,8 @@ struct STreeSaver {
 
 // Reads what a table lists from `node`; missing members leave the fields as
 // they are. `result` keeps the first failure of a nested experiment.
-struct STreeLoader {
+struct STreeLoader : SLoaderRole<STreeLoader> {
+    STreeLoader(const CKvVariant& list, uint32_t level) : node(list), depth(level) {}
     const CKvVariant& node;
     uint32_t depth;
     kv_result result = KV_OK;
@@ -173,12 +165,6 @@ struct STreeLoader {
     template <typename T>
     void operator()(const wchar_t* key, T& value) {
         KvMeta::Get(node, key, value);
-    }
-    template <typename T>
-    void SaveOnly(const wchar_t*, const T&) {}
-    template <typename T>
-    void LoadOnly(const wchar_t* key, T& value) {
-        (*this)(key, value);
     }
     template <typename S, typename Fields>
     void Record(const wchar_t* key, const char*, S& record, Fields fields) {
@@ -228,8 +214,6 @@ struct STreeLoader {
             if (el.GetCount() >= 0) Visit(el, point.*field, fields);
         });
     }
-    template <typename T>
-    void Count(const wchar_t*, const std::vector<T>&) {}
     void Flags(const wchar_t* key, std::vector<uint8_t>& bytes) {
         std::vector<bool> flags;
         TreeLoadValues(node, key, flags);
@@ -395,20 +379,10 @@ kv_result SKvExperiment::SaveToVariantOld(CKvVariant& node, const SKvExperiment&
     return KvNoThrow([&] { return KvExpIO::SaveTreeOld(node, exp, 0); });
 }
 kv_result SKvExperiment::LoadFromVariant(SKvExperiment& exp, const CKvVariant& node) {
-    return KvNoThrow([&] {
-        SKvExperiment staged;
-        const kv_result r = KvExpIO::LoadTree(staged, node, 0);
-        if (r == KV_OK) Swap(exp, staged);
-        return r;
-    });
+    return KvExpIO::LoadStaged(exp, [&](SKvExperiment& staged) { return KvExpIO::LoadTree(staged, node, 0); });
 }
 kv_result SKvExperiment::LoadFromVariantOld(SKvExperiment& exp, const CKvVariant& node) {
-    return KvNoThrow([&] {
-        SKvExperiment staged;
-        const kv_result r = KvExpIO::LoadTreeOld(staged, node, 0);
-        if (r == KV_OK) Swap(exp, staged);
-        return r;
-    });
+    return KvExpIO::LoadStaged(exp, [&](SKvExperiment& staged) { return KvExpIO::LoadTreeOld(staged, node, 0); });
 }
 
 // ---- Samples: every run type of the tree form, with every member present
