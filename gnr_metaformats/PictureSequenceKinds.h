@@ -1,7 +1,6 @@
-// What each loop kind of an experiment stores, listed once per stored form
-// and read alike by the saver and the loader of that form, plus the helpers
-// the lite and the tree form of the experiment share. Internal to the
-// experiment's serialisation (PictureSequenceLite.cpp, PictureSequenceTree.cpp).
+// What each loop kind of an experiment stores, listed once per stored form and
+// followed alike by that form's saver and loader, and the helpers both forms
+// share. Internal to PictureSequenceLite.cpp and PictureSequenceTree.cpp.
 #pragma once
 
 #include <cstdint>
