@@ -860,3 +860,9 @@ const SKvExpLargeImage* CKvExperimentAPI::GetLargeImage(const SKvExperiment* exp
     }, &hit, 0, 0);
     return hit ? hit->pLargeImage.get() : nullptr;
 }
+
+// Defined here rather than beside the structure: counting frames is an
+// operation over the tree, and the structure's unit stays free of the operations.
+uint32_t SKvExperiment::GetPictureCount(const SKvExperiment* exp) {
+    return exp ? CKvExperimentAPI::GetAllImagesCount(exp) : 0;
+}

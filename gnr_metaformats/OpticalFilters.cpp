@@ -320,43 +320,73 @@ bool SpectrumColour(const CKvOpticalFilterSpectrum& spectrum, uint32_t& colour, 
 
 // ---------------------------------------------------------------- loading helpers
 
-// Reads the elements of a tree list: at most `limit` of them, each found by
-// its name or else by its position; elements that fail to load are left out.
-template <typename T, typename Load>
-void LoadTreeElements(const CKvVariant& list, const wchar_t* format, uint32_t limit, std::vector<T>& out,
-                      Load load) {
-    const uint32_t present = static_cast<uint32_t>(std::max(list.GetCount(), 0));
-    const uint32_t count = std::min(limit, present);
-    out.reserve(count);
-    for (uint32_t i = 0; i < count; ++i) {
-        const CKvVariant* element = KvMeta::ElementByNameOrPosition(list, ElementName(format, i), static_cast<int>(i));
-        if (!element) break;
-        T item;
-        if (load(item, *element) == KV_OK) out.push_back(item);
-    }
-}
+// Where a counted list is read from: a tree node or the lite level the
+// reader is in. LoadElements reads at most `limit` elements of the list
+// `key` into `out`, each found by its name (`format`) or else by its position,
+// and answers whether the list is there.
+struct STreeList {
+    const CKvVariant& node;
 
-// The same over the element levels of the lite level the reader is in. The
-// reserve is bounded by the children the level holds, never by `limit`.
-template <typename T, typename Load>
-void LoadLiteElements(CKvLiteVariantR& reader, const wchar_t* format, uint32_t limit, uint32_t present,
-                      std::vector<T>& out, Load load) {
-    const uint32_t count = std::min(limit, present);
-    out.reserve(std::min<uint32_t>(count, 1024));
-    for (uint32_t i = 0; i < count; ++i) {
-        const bool entered = format ? KvMeta::LvEnterElement(reader, ElementName(format, i))
-                                    : KvMeta::LvEnterElement(reader, nullptr);
-        if (!entered) {
-            // Not a level: step over it, or stop at the end of the level.
-            if (reader.NextValue() != KV_OK) break;
-            continue;
+    void GetCount(const wchar_t* key, uint32_t& count) const { KvMeta::Get(node, key, count); }
+    // Elements that fail to load are left out.
+    template <typename T, typename Load>
+    bool LoadElements(const wchar_t* key, const wchar_t* format, uint32_t limit, std::vector<T>& out, Load load) const {
+        const CKvVariant* list = KvMeta::Find(node, key);
+        if (!list) return false;
+        const uint32_t count = std::min(limit, static_cast<uint32_t>(std::max(list->GetCount(), 0)));
+        out.reserve(count);
+        for (uint32_t i = 0; i < count; ++i) {
+            const CKvVariant* element = KvMeta::ElementByNameOrPosition(*list, ElementName(format, i), static_cast<int>(i));
+            if (!element) break;
+            T item;
+            if (load(item, *element) == KV_OK) out.push_back(item);
         }
-        T item;
-        load(item, reader);
-        reader.LevelEnd();
-        out.push_back(item);
-        if (reader.NextValue() != KV_OK) break;
+        return true;
     }
+};
+
+struct SLiteList {
+    CKvLiteVariantR& reader;
+
+    void GetCount(const wchar_t* key, uint32_t& count) const { KvMeta::LvGet(reader, key, count); }
+    // A null `format` takes the elements by position only. The reserve is
+    // bounded by the children the level holds, never by `limit`.
+    template <typename T, typename Load>
+    bool LoadElements(const wchar_t* key, const wchar_t* format, uint32_t limit, std::vector<T>& out, Load load) const {
+        KvMeta::CLvLevelReader level(reader, key);
+        if (!level.IsOpen()) return false;
+        const uint32_t count = std::min(limit, level.Count());
+        out.reserve(std::min<uint32_t>(count, 1024));
+        for (uint32_t i = 0; i < count; ++i) {
+            const bool entered = format ? KvMeta::LvEnterElement(reader, ElementName(format, i))
+                                        : KvMeta::LvEnterElement(reader, nullptr);
+            if (!entered) {
+                // Not a level: step over it, or stop at the end of the level.
+                if (reader.NextValue() != KV_OK) break;
+                continue;
+            }
+            T item;
+            load(item, reader);
+            reader.LevelEnd();
+            out.push_back(item);
+            if (reader.NextValue() != KV_OK) break;
+        }
+        return true;
+    }
+};
+
+// Loads a list stored with its count from either form: the stored count
+// (`countKey`) caps the elements read, never sizes an allocation. `out` is
+// replaced by what loaded when the list is present, and emptied when it is
+// absent and the count says 0; otherwise it stays as it was.
+template <typename Source, typename T, typename Load>
+void LoadCountedList(const Source& source, const wchar_t* countKey, const wchar_t* listKey, const wchar_t* format,
+                     std::vector<T>& out, Load load) {
+    uint32_t declared = kNoCountLimit;
+    source.GetCount(countKey, declared);
+    std::vector<T> loaded;
+    const bool present = source.LoadElements(listKey, format, declared, loaded, load);
+    if (present || declared == 0) out.swap(loaded);
 }
 
 // Saves a structure: `fill` appends the members to `node`, made a plain list
@@ -689,16 +719,9 @@ kv_result CKvOpticalFilterSpectrum::LoadFromVariant(const CKvVariant& node) {
     const kv_result result = KvMeta::CheckRunType(node, kRtSpectrum);
     if (result != KV_OK) return result;
     return KvNoThrow([&] {
-        uint32_t declared = kNoCountLimit;
-        KvMeta::Get(node, L"uiCount", declared);
         KvMeta::Get(node, L"bPoints", m_bPoints);
-        const CKvVariant* list = KvMeta::Find(node, L"pPoint");
-        std::vector<SKvOFSpectrumPoint> loaded;
-        if (list) {
-            LoadTreeElements(*list, L"Point%u", declared, loaded,
-                             [](SKvOFSpectrumPoint& p, const CKvVariant& element) { return p.LoadFromVariant(element); });
-        }
-        if (list || declared == 0) m_aPoints.swap(loaded);
+        LoadCountedList(STreeList{node}, L"uiCount", L"pPoint", L"Point%u", m_aPoints,
+                        [](SKvOFSpectrumPoint& p, const CKvVariant& element) { return p.LoadFromVariant(element); });
         return KV_OK;
     });
 }
@@ -729,20 +752,9 @@ kv_result CKvOpticalFilterSpectrum::SaveToVariantNew(CKvLiteVariantW& writer) co
 
 kv_result CKvOpticalFilterSpectrum::LoadFromVariantNew(CKvLiteVariantR& reader) {
     return KvNoThrow([&] {
-        uint32_t declared = kNoCountLimit;
-        KvMeta::LvGet(reader, L"uiCount", declared);
         KvMeta::LvGet(reader, L"bPoints", m_bPoints);
-        std::vector<SKvOFSpectrumPoint> loaded;
-        bool present = false;
-        {
-            KvMeta::CLvLevelReader level(reader, L"pPoint");
-            present = level.IsOpen();
-            if (present) {
-                LoadLiteElements(reader, L"Point%u", declared, level.Count(), loaded,
-                                 [](SKvOFSpectrumPoint& p, CKvLiteVariantR& r) { return p.LoadFromVariantNew(r); });
-            }
-        }
-        if (present || declared == 0) m_aPoints.swap(loaded);
+        LoadCountedList(SLiteList{reader}, L"uiCount", L"pPoint", L"Point%u", m_aPoints,
+                        [](SKvOFSpectrumPoint& p, CKvLiteVariantR& r) { return p.LoadFromVariantNew(r); });
         return KV_OK;
     });
 }
@@ -1083,16 +1095,9 @@ kv_result CKvOpticalFilterPath::LoadFromVariant(const CKvVariant& node) {
     const kv_result result = KvMeta::CheckRunType(node, kRtPath);
     if (result != KV_OK) return result;
     return KvNoThrow([&] {
-        uint32_t declared = kNoCountLimit;
-        KvMeta::Get(node, L"m_uiCount", declared);
         KvMeta::Get(node, L"m_sDescr", m_sDescr);
-        const CKvVariant* list = KvMeta::Find(node, L"m_pFilter");
-        std::vector<CKvOpticalFilter> loaded;
-        if (list) {
-            LoadTreeElements(*list, L"a%u", declared, loaded,
-                             [](CKvOpticalFilter& f, const CKvVariant& element) { return f.LoadFromVariant(element); });
-        }
-        if (list || declared == 0) m_aFilters.swap(loaded);
+        LoadCountedList(STreeList{node}, L"m_uiCount", L"m_pFilter", L"a%u", m_aFilters,
+                        [](CKvOpticalFilter& f, const CKvVariant& element) { return f.LoadFromVariant(element); });
         return KV_OK;
     });
 }
@@ -1115,20 +1120,9 @@ kv_result CKvOpticalFilterPath::SaveToLiteVariant(CKvLiteVariantW& writer) const
 
 kv_result CKvOpticalFilterPath::LoadFromLiteVariant(CKvLiteVariantR& reader) {
     return KvNoThrow([&] {
-        uint32_t declared = kNoCountLimit;
         KvMeta::LvGet(reader, L"m_sDescr", m_sDescr);
-        KvMeta::LvGet(reader, L"m_uiCount", declared);
-        std::vector<CKvOpticalFilter> loaded;
-        bool present = false;
-        {
-            KvMeta::CLvLevelReader level(reader, L"m_pFilter");
-            present = level.IsOpen();
-            if (present) {
-                LoadLiteElements(reader, nullptr, declared, level.Count(), loaded,
-                                 [](CKvOpticalFilter& f, CKvLiteVariantR& r) { return f.LoadFromLiteVariant(r); });
-            }
-        }
-        if (present || declared == 0) m_aFilters.swap(loaded);
+        LoadCountedList(SLiteList{reader}, L"m_uiCount", L"m_pFilter", nullptr, m_aFilters,
+                        [](CKvOpticalFilter& f, CKvLiteVariantR& r) { return f.LoadFromLiteVariant(r); });
         return KV_OK;
     });
 }

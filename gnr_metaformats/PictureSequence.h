@@ -214,12 +214,18 @@ struct SKvLIDesc {
     uint32_t uiOrder = 0;
     uint32_t uiStitchingChannel = 0;
     CKvStringW sPattern;
+
+    bool operator==(const SKvLIDesc& o) const;
+    bool operator!=(const SKvLIDesc& o) const { return !(*this == o); }
 };
 
 // The large-image record of a level: levels "pLargeImage" and "pLargeImageEx".
 struct SKvExpLargeImage {
     SKvLIDesc sLargeImage;
     SKvLIDesc sLargeImageEx;
+
+    // Both descriptors hold only defaults: the same acquisition as no large image.
+    bool IsEmpty() const { return sLargeImage == SKvLIDesc() && sLargeImageEx == SKvLIDesc(); }
 };
 
 // A task run beside the loops (a macro, a stimulation program, ...).

@@ -497,3 +497,24 @@ TEST(OpticalFiltersSerialization, AbsurdCountsLoadWhatIsPresent) {
     ASSERT_EQ(KV_OK, path.LoadFromLiteVariant(reader));
     EXPECT_EQ(3u, path.GetCount());
 }
+
+TEST(OpticalFiltersSerialization, AMissingListKeepsTheElementsUnlessTheCountIsZero) {
+    CKvVariant tree;
+    ASSERT_EQ(KV_OK, CKvOpticalFilterPath().SaveToVariant(tree));  // no "m_pFilter" member
+    for (uint32_t count : {5u, 0u}) {
+        SCOPED_TRACE(count);
+        tree[L"m_uiCount"] = count;
+        CKvOpticalFilterPath path = ThreeFilterPath();
+        ASSERT_EQ(KV_OK, path.LoadFromVariant(tree));
+        EXPECT_EQ(count ? 3u : 0u, path.GetCount());
+
+        CKvLiteVariantR reader = WriteLite([&](CKvLiteVariantW& w) {
+            KvMeta::CLvLevelWriter s(w, L"spectrum");
+            return w.Set(count, L"uiCount");
+        });
+        KvMeta::CLvLevelReader level(reader, L"spectrum");
+        CKvOpticalFilterSpectrum spectrum = Triangle(500, 550, 600);
+        ASSERT_EQ(KV_OK, spectrum.LoadFromVariantNew(reader));
+        EXPECT_EQ(count ? 3u : 0u, spectrum.GetCount());
+    }
+}

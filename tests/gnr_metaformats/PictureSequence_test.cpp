@@ -318,3 +318,128 @@ TEST(PictureSequence, ParallelExperimentAndValidPlanes) {
     EXPECT_EQ(1u, planes.pPlanes[1].uiSampleIndex);
     EXPECT_EQ(2u, planes.uiCompCount);
 }
+
+namespace {
+
+// A level of `type` with every field of its record away from the default, the
+// level-wide records present and one next level, so that every key of both
+// forms is written.
+std::unique_ptr<Exp> Filled(uint32_t type) {
+    auto e = Make(type, 3);
+    SKvExpLoopPars& p = e->uLoopPars;
+    e->wsApplicationDesc = L"app";
+    e->wsCameraName = L"cam";
+    EXPECT_EQ(KV_OK, Exp::AllocItemValid(*e, p.uiCount));
+    if (p.uiCount > 1) e->pItemValid[1] = 0;
+    e->sAutoFocusBeforeLoop = {SKvExpAutoFocus::eHardware, 1.5, 0.25, -3};
+    e->wsCommandAfterLoop = L"after";
+    e->bUseHZL = true;
+    e->pLargeImage = std::make_unique<SKvExpLargeImage>();
+    e->pLargeImage->sLargeImage.iXFields = 4;
+    e->pLargeImage->sLargeImage.sPattern = L"meander";
+    e->pNIExperiment = std::make_unique<SKvExperimentNI>();
+    e->pNIExperiment->bIgnoreSetup = true;
+    e->pRecordedData = std::make_unique<SKvRecordedData>();
+    SKvParallelExperiment::AddEvent(e->sParallelExperiment,
+                                    {0, SKvParallelExperiment::AddTask(e->sParallelExperiment, {0, L"m", L"go"}), 5});
+    e->uiRepeatCount = 2;
+    AddChild(*e, Make(Exp::eExpZStackLoop, 2));
+    SKvExpTimeLoop& t = p.TimeLoop;
+    t.dStart = 1, t.dPeriod = 2, t.dDuration = 3, t.bDurationPref = true;
+    t.dMaxPeriodDiff = 4, t.dMinPeriodDiff = 5, t.dAvgPeriodDiff = 6;
+    t.sAutoFocusBeforeCapture.dStep = 7;
+    SKvExpXYPosLoop& xy = p.XYPosLoop;
+    xy.bRelativeXY = xy.bKeepHZLOn = xy.bUseZ = true;
+    xy.dReferenceX = 8, xy.sZDevice = L"z", xy.sAFBefore.dOffset = 9;
+    for (size_t i = 0; i < xy.Points.size(); ++i) {
+        xy.Points[i] = {1.0 + i, 2.0 + i, 3.0 + i, 4.0 + i, CKvStringW(L"p")};
+    }
+    SKvExpXYDiscrLoop& d = p.XYDiscrLoop;
+    for (size_t i = 0; i < d.uiRow.size(); ++i) d.uiRow[i] = uint32_t(i + 1), d.uiCol[i] = uint32_t(i + 5);
+    d.bUseZ = true, d.dPosZ = 10;
+    SKvExpZStackLoop& z = p.ZStackLoop;
+    z.bAbsolute = z.bTIRF = true;
+    z.dReferencePosition = 11, z.dTIRFPosition = 12, z.dZHigh = 13, z.dZHighHZLOffset = 14, z.dZHome = 15;
+    z.dZLow = 16, z.dZLowHZLOffset = 17, z.dZStep = 18, z.iType = -2;
+    z.wsCommandAfterCapture = L"ca", z.wsCommandBeforeCapture = L"cb", z.wsZDevice = L"zd";
+    p.PolarLoop = {19, 20, true};
+    SKvExpSpectLoop& s = p.SpectLoop;
+    if (type == Exp::eExpSpectLoop) {
+        s.pPlanes = std::make_unique<SKvPicturePlanes>();
+        SKvPicturePlanes::MakeCompatible(*s.pPlanes, 3);
+    }
+    s.bMergeCameras = true;
+    for (size_t i = 0; i < s.Points.size(); ++i) {
+        s.Points[i].pAutoFocus.dRange = 21.0 + i;
+        s.Points[i].wsCommandAfterCapture = L"sa";
+        s.Points[i].pZStackPos = int32_t(i);
+    }
+    p.CustomLoop.wsDescription = L"custom";
+    SKvExpNETimeLoop& ne = p.NETimeLoop;
+    for (size_t i = 0; i < ne.pPeriod.size(); ++i) {
+        ne.pPeriod[i] = t;
+        ne.pPeriod[i].uiCount = uint32_t(i + 2);
+        ne.pPeriod[i].uiGroup = 1, ne.pPeriod[i].uiLoopType = 4, ne.pPeriod[i].wsPhaseName = L"ph";
+        ne.pPeriod[i].sAutoFocusBeforePeriod.eType = SKvExpAutoFocus::eSoftware;
+    }
+    if (!ne.pPeriod.empty()) {
+        ne.wsCommandBeforePeriod.assign(ne.pPeriod.size(), CKvStringW(L"bp"));
+        ne.wsCommandAfterPeriod.assign(ne.pPeriod.size(), CKvStringW(L"ap"));
+        ne.pPeriodValid.assign(ne.pPeriod.size(), 1);
+        ne.pPeriodValid[0] = 0;
+        ne.pSubLoops.resize(ne.pPeriod.size());
+        ne.pSubLoops[1].ppNextLevelEx = new Exp*[1]{Make(Exp::eExpXYPosLoop, 2).release()};
+        ne.pSubLoops[1].uiNextLevelCount = 1;
+    }
+    ne.sAutoFocusBeforeCapture.dStep = 22, ne.sAutoFocusBeforePeriod.dStep = 23;
+    return e;
+}
+
+uint64_t Fnv(const void* data, size_t size) {
+    uint64_t h = 1469598103934665603ull;
+    for (size_t i = 0; i < size; ++i) h = (h ^ static_cast<const uint8_t*>(data)[i]) * 1099511628211ull;
+    return h;
+}
+
+}  // namespace
+
+// The stored bytes of both forms are what files already hold: any change of
+// a key, its order or its type shows here.
+TEST(PictureSequence, StoredBytesOfEveryKindStayTheSame) {
+    // FNV-1a of the lite bytes and of the tree's XML, kinds 0 to 10.
+    const uint64_t expected[][2] = {
+        {0xc954a57a3bb5fc37ull, 0x3e71a8a352db0220ull}, {0x44add715c634d4e9ull, 0x3d9da45a657ad3b1ull},
+        {0xe3e157b8ee0842d5ull, 0x831806d18732ba85ull}, {0x53d4cabc4f239330ull, 0xc03ebe53191e4b63ull},
+        {0xd898faec461f4796ull, 0x4008d1ee68053320ull}, {0xc92485986316ca46ull, 0x223d39198f2d0714ull},
+        {0x51470d5ab4a38eeaull, 0xc6547af0623d0d6bull}, {0x1013d85873e84924ull, 0x08dd554d54713b5full},
+        {0x0a9d7e2da93cacf0ull, 0x5ea770933e50922eull}, {0xfc10d686e6a424eaull, 0x25e86ddf68e0b139ull},
+        {0x179771ba1e05c3f5ull, 0x504ffdd1c5127951ull},
+    };
+    for (uint32_t type = 0; type <= 10; ++type) {
+        SCOPED_TRACE(type);
+        auto e = Filled(type);
+        CKvLiteVariantW writer;
+        ASSERT_EQ(KV_OK, Exp::SaveToLiteVariant(writer, *e));
+        CKvLiteVariantR lite = Finish(writer);
+        CKvVariant node;
+        ASSERT_EQ(KV_OK, Exp::SaveToVariant(node, *e));
+        node.SetName(CKvStringW(L"tree"));
+        CKvStringW xml;
+        ASSERT_EQ(KV_OK, CKvSerializerXMLString::DocumentToXML(xml, node));
+        const uint64_t liteHash = Fnv(lite.GetData(), lite.GetSize());
+        const uint64_t treeHash = Fnv(xml.GetString(), xml.GetLength() * sizeof(wchar_t));
+        EXPECT_EQ(expected[type][0], liteHash);
+        EXPECT_EQ(expected[type][1], treeHash);
+
+        // Both forms bring every field back; the lite form keeps only the
+        // count of the kinds that store nothing else there.
+        Exp fromLite, fromTree;
+        ASSERT_EQ(KV_OK, Exp::LoadFromLiteVariant(fromLite, lite));
+        ASSERT_EQ(KV_OK, Exp::LoadFromVariant(fromTree, node));
+        EXPECT_TRUE(Exp::IsEqual(e.get(), &fromTree, true, true));
+        const bool countOnly = type == Exp::eExpXYDiscrLoop || type == Exp::eExpPolarLoop ||
+                               type == Exp::eExpCustomLoop || type == Exp::eExpManualTimeLoop;
+        EXPECT_EQ(!countOnly, Exp::IsEqual(e.get(), &fromLite, true, true));
+        EXPECT_EQ(e->uLoopPars.uiCount, fromLite.uLoopPars.uiCount);
+    }
+}
