@@ -80,7 +80,7 @@ public:
     // next-level loop.
     static bool IsSimpleExperiment(const SKvExperiment* exp);
     // Calls `callback` on every level, parents before children, in order.
-    // -4 without a callback, 0 without an experiment, -9 for a tree deeper
+    // KV_ERR_INVALID_ARG without a callback, 0 without an experiment, KV_ERR_FAILED for a tree deeper
     // than the limit, else the first non-zero answer of the callback.
     static kv_result WalkExperiment(const SKvExperiment* exp, WalkCallback callback, void* context,
                                     uint32_t depth = 0);
@@ -99,11 +99,11 @@ public:
     // first; slots past the path's end get 0. `count` (when given) receives
     // before any check the levels of the deepest branch (GetExperimentCount
     // when all branches are equally deep); `pos` must hold that many slots.
-    // -4 without an experiment or on an empty next-level slot, -9 for an
+    // KV_ERR_INVALID_ARG without an experiment or on an empty next-level slot, KV_ERR_FAILED for an
     // index beyond the experiment or a path longer than `count`.
     static kv_result CalcPosFromIdx(const SKvExperiment* exp, uint32_t index, uint32_t* pos, uint32_t* count);
-    // The inverse: `count` coordinates at `pos`; -9 for a coordinate outside
-    // its level or naming no frame, -4 as above.
+    // The inverse: `count` coordinates at `pos`; KV_ERR_FAILED for a coordinate outside
+    // its level or naming no frame, KV_ERR_INVALID_ARG as above.
     static kv_result CalcIdxFromPos(const SKvExperiment* exp, const uint32_t* pos, uint32_t count,
                                     uint32_t& index);
     // Components of the pixel held by frame `index` (rule above), ascending.
@@ -116,7 +116,7 @@ public:
     // ---- Spectral channels.
     static bool HasSameLambdaChannels(const SKvExperiment* exp);
     // `superset` receives a new spectral level (free with SKvExperiment::Free),
-    // or null when the tree has no spectral level. -3, -9.
+    // or null when the tree has no spectral level. KV_ERR_OUT_OF_MEMORY, KV_ERR_FAILED.
     static kv_result GetSupersetSpectExp(const SKvExperiment* exp, SKvExperiment** superset);
     // Valid planes of the superset channels; empty planes (result 0) without
     // a spectral level.
@@ -133,10 +133,10 @@ public:
     // chain appends at the end. `*root` may be null (the copy becomes the tree).
     static kv_result AddExperimentLevel(SKvExperiment** root, const SKvExperiment* level, uint32_t index);
 
-    // ---- Z stack (the first Z-stack level of the tree; -13 without one).
+    // ---- Z stack (the first Z-stack level of the tree; KV_ERR_NOT_FOUND without one).
     static kv_result GetZStackStepSize(const SKvExperiment* exp, double& step);
     static uint32_t GetZStackSizeMax(const SKvExperiment* exp);
-    // Home position of `zstack`, which must be a Z-stack level (-4 otherwise).
+    // Home position of `zstack`, which must be a Z-stack level (KV_ERR_INVALID_ARG otherwise).
     static kv_result GetZStackHomePosition(const SKvExperiment* zstack, double& home);
     static kv_result GetFirstZStackHomePosition(const SKvExperiment* exp, double& home);
     static kv_result GetZStackPositionForDisplay(const SKvExperiment* exp, uint32_t plane, double& position);

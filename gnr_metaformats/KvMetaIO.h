@@ -32,10 +32,10 @@ CKvVariant* PutList(CKvVariant& node, const wchar_t* key);
 // ---- Loading from a tree
 
 // 0 when `node` has the run type `expected`. Otherwise prints
-// "Wrong variant runtype('<actual>'), expected '<expected>'." and answers -4.
+// "Wrong variant runtype('<actual>'), expected '<expected>'." and answers KV_ERR_INVALID_ARG.
 kv_result CheckRunType(const CKvVariant& node, const char* expected);
 // The same message for a node that may have one of several run types;
-// `expectedText` is everything after "expected " up to the full stop. -4.
+// `expectedText` is everything after "expected " up to the full stop. KV_ERR_INVALID_ARG.
 kv_result ReportWrongRunType(const CKvVariant& node, const wchar_t* expectedText);
 
 // The member `key` of the list `node`, or null.

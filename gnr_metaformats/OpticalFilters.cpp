@@ -31,11 +31,6 @@ CKvStringW ElementName(const wchar_t* format, uint32_t index) {
     return name;
 }
 
-// Keeps the first failure of a sequence of steps.
-void KeepFirstFailure(kv_result& first, kv_result step) {
-    if (first == KV_OK && step != KV_OK) first = step;
-}
-
 // ---------------------------------------------------------------- curves
 
 bool IsEdge(uint32_t type) {
@@ -416,7 +411,7 @@ kv_result SaveSpectrumLevel(CKvLiteVariantW& writer, const wchar_t* key, const C
     KvMeta::CLvLevelWriter level(writer, key);
     kv_result result = level.Result();
     if (result == KV_OK) result = spectrum.SaveToVariantNew(writer);
-    KeepFirstFailure(result, level.Close());
+    KvKeepFirstFailure(result, level.Close());
     return result;
 }
 
@@ -707,7 +702,7 @@ kv_result CKvOpticalFilterSpectrum::SaveToVariant(CKvVariant& node) const {
             const kv_result saved = element ? m_aPoints[i].SaveToVariant(*element) : KV_ERR_OUT_OF_MEMORY;
             if (saved != KV_OK) {
                 KV_TRACE_FAILURE();
-                KeepFirstFailure(result, saved);
+                KvKeepFirstFailure(result, saved);
             }
         }
         if (!KvMeta::Put(node, L"bPoints", m_bPoints)) return KV_ERR_OUT_OF_MEMORY;
@@ -737,15 +732,15 @@ kv_result CKvOpticalFilterSpectrum::SaveToVariantNew(CKvLiteVariantW& writer) co
                 KvMeta::CLvLevelWriter pointLevel(writer, ElementName(L"Point%u", i));
                 kv_result saved = pointLevel.Result();
                 if (saved == KV_OK) saved = m_aPoints[i].SaveToVariantNew(writer);
-                KeepFirstFailure(saved, pointLevel.Close());
+                KvKeepFirstFailure(saved, pointLevel.Close());
                 if (saved != KV_OK) {
                     KV_TRACE_FAILURE();
-                    KeepFirstFailure(result, saved);
+                    KvKeepFirstFailure(result, saved);
                 }
             }
-            KeepFirstFailure(result, level.Close());
+            KvKeepFirstFailure(result, level.Close());
         }
-        KeepFirstFailure(result, writer.Set(m_bPoints, L"bPoints"));
+        KvKeepFirstFailure(result, writer.Set(m_bPoints, L"bPoints"));
         return result;
     });
 }
@@ -820,7 +815,7 @@ kv_result CKvFluorescentProbe::SaveToVariant(CKvVariant& node) const {
             return KV_ERR_OUT_OF_MEMORY;
         }
         kv_result result = SaveSpectrumMember(node, L"m_ExcitationSpectrum", m_ExcitationSpectrum);
-        KeepFirstFailure(result, SaveSpectrumMember(node, L"m_EmissionSpectrum", m_EmissionSpectrum));
+        KvKeepFirstFailure(result, SaveSpectrumMember(node, L"m_EmissionSpectrum", m_EmissionSpectrum));
         return result;
     });
 }
@@ -868,8 +863,8 @@ kv_result CKvOpticalFilter::SaveToVariant(CKvVariant& node) const {
             return KV_ERR_OUT_OF_MEMORY;
         }
         kv_result result = SaveSpectrumMember(node, L"m_ExcitationSpectrum", m_ExcitationSpectrum);
-        KeepFirstFailure(result, SaveSpectrumMember(node, L"m_EmissionSpectrum", m_EmissionSpectrum));
-        KeepFirstFailure(result, SaveSpectrumMember(node, L"m_MirrorSpectrum", m_MirrorSpectrum));
+        KvKeepFirstFailure(result, SaveSpectrumMember(node, L"m_EmissionSpectrum", m_EmissionSpectrum));
+        KvKeepFirstFailure(result, SaveSpectrumMember(node, L"m_MirrorSpectrum", m_MirrorSpectrum));
         return result;
     });
 }
@@ -1085,7 +1080,7 @@ kv_result CKvOpticalFilterPath::SaveToVariant(CKvVariant& node) const {
         kv_result result = KV_OK;
         for (uint32_t i = 0; i < GetCount(); ++i) {
             CKvVariant* element = KvMeta::PutList(*list, ElementName(L"a%u", i));
-            KeepFirstFailure(result, element ? m_aFilters[i].SaveToVariant(*element) : KV_ERR_OUT_OF_MEMORY);
+            KvKeepFirstFailure(result, element ? m_aFilters[i].SaveToVariant(*element) : KV_ERR_OUT_OF_MEMORY);
         }
         return result;
     });
@@ -1110,11 +1105,11 @@ kv_result CKvOpticalFilterPath::SaveToLiteVariant(CKvLiteVariantW& writer) const
     if (level.Result() != KV_OK) return level.Result();
     for (const CKvOpticalFilter& filter : m_aFilters) {
         KvMeta::CLvLevelWriter filterLevel(writer, nullptr);
-        KeepFirstFailure(result, filterLevel.Result());
-        if (filterLevel.Result() == KV_OK) KeepFirstFailure(result, filter.SaveToLiteVariant(writer));
-        KeepFirstFailure(result, filterLevel.Close());
+        KvKeepFirstFailure(result, filterLevel.Result());
+        if (filterLevel.Result() == KV_OK) KvKeepFirstFailure(result, filter.SaveToLiteVariant(writer));
+        KvKeepFirstFailure(result, filterLevel.Close());
     }
-    KeepFirstFailure(result, level.Close());
+    KvKeepFirstFailure(result, level.Close());
     return result;
 }
 

@@ -85,8 +85,8 @@ public:
     bool IsPoints() const { return m_bPoints; }
     void SetPoints(bool points) { m_bPoints = points; }
 
-    // -3 out of memory. InsertPoint puts the point before `index` (-4 when
-    // `index` is above the count); RemovePoint -4 when out of range.
+    // KV_ERR_OUT_OF_MEMORY when memory runs out. InsertPoint puts the point before `index` (KV_ERR_INVALID_ARG when
+    // `index` is above the count); RemovePoint KV_ERR_INVALID_ARG when out of range.
     kv_result AddPoint(const SKvOFSpectrumPoint& point);
     kv_result InsertPoint(const SKvOFSpectrumPoint& point, uint32_t index);
     kv_result RemovePoint(uint32_t index);
@@ -143,7 +143,7 @@ public:
     // band, which keeps its flank. When both curves are open towards one end,
     // the result's point there is the matching edge. A line spectrum gives its
     // lines weakened by the other curve there (two line spectra the lines they
-    // share), discrete. `result` may be this or `other`. -3 out of memory.
+    // share), discrete. `result` may be this or `other`. KV_ERR_OUT_OF_MEMORY when memory runs out.
     kv_result Combine(const CKvOpticalFilterSpectrum& other, CKvOpticalFilterSpectrum& result) const;
 
     // Tree: run type "RKvOpticalFilterSpectrum", "uiCount", "pPoint" (a plain
@@ -194,7 +194,7 @@ public:
     // Given the excitation lines a light source offers, keeps as excitation
     // spectrum only the line the probe absorbs best (one eSptPoint point,
     // discrete, with the probe's value there); `selected` receives its index.
-    // -4 without lines, -13 when the probe absorbs none of them.
+    // KV_ERR_INVALID_ARG without lines, KV_ERR_NOT_FOUND when the probe absorbs none of them.
     kv_result SelectExcitation(const double* wavelengths, uint32_t count, uint32_t* selected = nullptr);
 
     // Tree: run type "RKvFluorescentProbe", "m_sName", "m_uiColor",
@@ -316,8 +316,8 @@ public:
     // The filters as an array of GetCount(); null when there are none.
     const CKvOpticalFilter* GetFilterPointer() const;
     CKvOpticalFilter* GetFilterPointer();
-    kv_result AddFilter(const CKvOpticalFilter& filter);  // -3 out of memory
-    kv_result RemoveFilter(uint32_t index);              // -4 out of range
+    kv_result AddFilter(const CKvOpticalFilter& filter);  // KV_ERR_OUT_OF_MEMORY when memory runs out
+    kv_result RemoveFilter(uint32_t index);              // KV_ERR_INVALID_ARG out of range
     void RemoveAll() { m_aFilters.clear(); }
     const CKvStringW& GetDescription() const { return m_sDescr; }
     void SetDescription(const CKvStringW& text) { m_sDescr = text; }

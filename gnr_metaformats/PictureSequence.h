@@ -263,9 +263,9 @@ struct SKvParallelExperiment {
     // Whether an entry has `id`; `index` receives its place when given.
     static bool FindTask(const SKvParallelExperiment& pe, uint32_t id, uint32_t* index = nullptr);
     static bool FindEvent(const SKvParallelExperiment& pe, uint32_t id, uint32_t* index = nullptr);
-    // Removes the task and every event that starts it; -13 when not found.
+    // Removes the task and every event that starts it; KV_ERR_NOT_FOUND when not found.
     static kv_result RemoveTask(SKvParallelExperiment& pe, uint32_t id);
-    // -13 when not found.
+    // KV_ERR_NOT_FOUND when not found.
     static kv_result RemoveEvent(SKvParallelExperiment& pe, uint32_t id);
 };
 
@@ -324,7 +324,7 @@ struct SKvExperiment {
     uint32_t uiRepeatCount = 0;  // how often this level repeats inside its parent
 
     // ---- Memory
-    // *pp = a new default experiment; -4 for null pp, -3 out of memory.
+    // *pp = a new default experiment; KV_ERR_INVALID_ARG for null pp, KV_ERR_OUT_OF_MEMORY when memory runs out.
     static kv_result Alloc(SKvExperiment** pp);
     // Deletes `p` and its next-level array, but not the experiments in that
     // array (nor those of multi-phase sub-loops): the caller has taken them over.
@@ -334,19 +334,20 @@ struct SKvExperiment {
     // Makes `exp` a fresh level of kind `type` (any value) with `count` items:
     // default points for kind 2, channels for kind 6, phases (each of 0 items)
     // for kind 8, zero rows/columns for kind 3; no validity array, no next
-    // levels. Kinds 1 and 9 share one branch. -3 out of memory (`exp` then
-    // default), -4 when a per-item kind's count cannot be allocated.
+    // levels. Kinds 1 and 9 share one branch. KV_ERR_OUT_OF_MEMORY when memory runs out (`exp` then
+    // default), KV_ERR_INVALID_ARG when a per-item kind's count cannot be allocated.
     static kv_result Init(SKvExperiment& exp, uint32_t type, uint32_t count = 0);
     // Back to a default experiment, everything below released.
     static void Uninit(SKvExperiment& exp);
     // Level-only copy: every field of `src` except its next-level experiments
-    // and multi-phase sub-loops; `dst` loses its own. -3 out of memory, `dst`
+    // and multi-phase sub-loops; `dst` loses its own. KV_ERR_OUT_OF_MEMORY when memory runs out, `dst`
     // then unchanged.
     static kv_result Copy(SKvExperiment& dst, const SKvExperiment& src);
-    // Copy of the whole subtree, with kExpCopy* `flags`. -3 out of memory,
-    // -9 when `src` nests deeper than kExpMaxDepth; `dst` unchanged then.
+    // Copy of the whole subtree, with kExpCopy* `flags`. KV_ERR_OUT_OF_MEMORY when memory runs out,
+    // KV_ERR_FAILED when `src` nests deeper than kExpMaxDepth; `dst` unchanged then.
     static kv_result CopyRecursive(SKvExperiment& dst, const SKvExperiment& src, uint32_t flags = 0);
-    // *pp = a new CopyRecursive of `src`; -4 null pp, -3, -9 (then *pp untouched).
+    // *pp = a new CopyRecursive of `src`; KV_ERR_INVALID_ARG for a null pp,
+    // KV_ERR_OUT_OF_MEMORY, KV_ERR_FAILED (then *pp untouched).
     static kv_result Duplicate(SKvExperiment** pp, const SKvExperiment& src, uint32_t flags = 0);
     // Two null experiments are equal, one null is not. Always compared: kind
     // (9 counts as 1), item count, item validity (null = all 1), and the
@@ -358,46 +359,46 @@ struct SKvExperiment {
     // next levels and sub-loops are compared in order, else only their counts.
     static bool IsEqual(const SKvExperiment* a, const SKvExperiment* b, bool bRecursive, bool bAll);
     // The planes of the valid channels of a spectral level, in order (all
-    // channels without a validity array). -4 when `exp` is not spectral or
-    // has no plane descriptions; -3 out of memory (`planes` unchanged then).
+    // channels without a validity array). KV_ERR_INVALID_ARG when `exp` is not spectral or
+    // has no plane descriptions; KV_ERR_OUT_OF_MEMORY when memory runs out (`planes` unchanged then).
     static kv_result ExtractValidPlanes(SKvPicturePlanes& planes, const SKvExperiment& exp);
     // Frames the experiment describes (0 for null).
     static uint32_t GetPictureCount(const SKvExperiment* exp);
 
     // ---- Item validity and next levels
-    // Replaces the validity array by `count` bytes of `value` (none for 0). -3.
+    // Replaces the validity array by `count` bytes of `value` (none for 0). KV_ERR_OUT_OF_MEMORY.
     static kv_result AllocItemValid(SKvExperiment& exp, uint32_t count, uint8_t value = 1);
     static void FreeItemValid(SKvExperiment& exp);
     // Replaces the next-level array (everything in it released) by `count`
-    // null slots (no array for 0). -3.
+    // null slots (no array for 0). KV_ERR_OUT_OF_MEMORY.
     static kv_result AllocNextLevels(SKvExperiment& exp, uint32_t count);
     // Releases the next-level array and everything in it.
     static void FreeNextLevels(SKvExperiment& exp);
     static void Swap(SKvExperiment& a, SKvExperiment& b) noexcept;
 
     // ---- Serialisation
-    // Lite: SaveToLiteVariant opens level "SKvExperiment" (-9 when it cannot)
+    // Lite: SaveToLiteVariant opens level "SKvExperiment" (KV_ERR_FAILED when it cannot)
     // and writes the record with WriteToLiteVariant; next levels go into
     // level "ppNextLevelEx" as unnamed levels of the same record.
-    // LoadFromLiteVariant enters level "SKvExperiment" (-9 when missing) and
+    // LoadFromLiteVariant enters level "SKvExperiment" (KV_ERR_FAILED when missing) and
     // reads with ReadFromLiteVariant into a staged copy, so that a failure
     // leaves `exp` as it was. Damaged counts never drive an allocation:
     // next levels, points, channels and phases are what is present (a larger
     // stored count shrinks to it); a validity array longer than the item
     // count is cut to it, a shorter one shrinks the count to its length.
-    // Nesting deeper than kExpMaxDepth is refused with -9.
+    // Nesting deeper than kExpMaxDepth is refused with KV_ERR_FAILED.
     static kv_result SaveToLiteVariant(CKvLiteVariantW& writer, const SKvExperiment& exp);
     static kv_result LoadFromLiteVariant(SKvExperiment& exp, CKvLiteVariantR& reader);
     static kv_result WriteToLiteVariant(CKvLiteVariantW& writer, const SKvExperiment& exp);
     static kv_result ReadFromLiteVariant(SKvExperiment& exp, CKvLiteVariantR& reader);
     // Tree: SaveToVariant writes the older form (SaveToVariantOld), then
     // "uiRepeatCount" and the list "ppNextLevelEx" of the present next levels.
-    // LoadFromVariant reads them back (-4 for a node of another run type),
+    // LoadFromVariant reads them back (KV_ERR_INVALID_ARG for a node of another run type),
     // keeping the next levels of run type "RKvExperiment" that load without
     // error; same counting rules and depth bound as the lite form. In the
     // tree the item count is the length of "pItemValid", always written; a
     // list of all true reads back as no validity array. Saving a level of
-    // more than kExpMaxTreeItems items is refused with -9.
+    // more than kExpMaxTreeItems items is refused with KV_ERR_FAILED.
     static kv_result SaveToVariant(CKvVariant& node, const SKvExperiment& exp);
     static kv_result LoadFromVariant(SKvExperiment& exp, const CKvVariant& node);
     static kv_result SaveToVariantOld(CKvVariant& node, const SKvExperiment& exp);
