@@ -36,14 +36,6 @@ inline constexpr wchar_t kNextCountKey[] = L"uiNextLevelCount";
 inline constexpr wchar_t kCountKey[] = L"uiCount";
 inline constexpr wchar_t kRepeatKey[] = L"uiRepeatCount";
 
-// The first failure of a sequence of saves.
-struct SResult {
-    kv_result value = KV_OK;
-    void operator()(kv_result r) {
-        if (value == KV_OK && r < 0) value = r;
-    }
-};
-
 // The members by which a saver (`Self`) differs from a loader: values kept
 // for older readers are written and not read, and the reverse.
 template <typename Self>

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <memory>
 #include <new>
+#include <type_traits>
 #include <utility>
 
 #include "gnr_metaformats/KvMetaIO.h"
@@ -15,15 +16,19 @@ namespace {
 kv_result WriteLite(CKvLiteVariantW& w, const Exp& e, uint32_t depth);
 kv_result ReadLite(Exp& e, CKvLiteVariantR& rd, uint32_t depth);
 
-// Runs `body` inside a new level `key` (null: unnamed).
+// Runs `body` inside a new level `key` (null: unnamed); a result `body`
+// returns is kept in `r` like the level's own.
 template <typename Body>
-void LiteLevel(CKvLiteVariantW& w, SResult& r, const wchar_t* key, Body&& body) {
-    if (r.value != KV_OK) return;
+void LiteLevel(CKvLiteVariantW& w, kv_result& r, const wchar_t* key, Body&& body) {
+    if (r != KV_OK) return;
     KvMeta::CLvLevelWriter level(w, key);
-    r(level.Result());
-    if (r.value != KV_OK) return;
-    body();
-    r(level.Close());
+    KvKeepFirstFailure(r, level.Result());
+    if (r != KV_OK) return;
+    if constexpr (std::is_same_v<decltype(body()), kv_result>)
+        KvKeepFirstFailure(r, body());
+    else
+        body();
+    KvKeepFirstFailure(r, level.Close());
 }
 
 // Calls `body` in every unnamed element level of level `key`; stops at the
@@ -43,13 +48,13 @@ kv_result LiteElements(CKvLiteVariantR& rd, const wchar_t* key, Body&& body) {
     return KV_OK;
 }
 
-void WriteLiteLevels(CKvLiteVariantW& w, SResult& r, uint32_t count, Exp* const* array, uint32_t depth) {
+void WriteLiteLevels(CKvLiteVariantW& w, kv_result& r, uint32_t count, Exp* const* array, uint32_t depth) {
     uint32_t present = 0;
     for (uint32_t i = 0; i < count; ++i) present += array[i] ? 1 : 0;
-    r(w.Set(present, kNextCountKey));
+    KvKeepFirstFailure(r, w.Set(present, kNextCountKey));
     LiteLevel(w, r, kNextLevelsKey, [&] {
-        for (uint32_t i = 0; i < count && r.value == KV_OK; ++i)
-            if (array[i]) LiteLevel(w, r, nullptr, [&] { r(WriteLite(w, *array[i], depth + 1)); });
+        for (uint32_t i = 0; i < count && r == KV_OK; ++i)
+            if (array[i]) LiteLevel(w, r, nullptr, [&] { return WriteLite(w, *array[i], depth + 1); });
     });
 }
 
@@ -67,14 +72,14 @@ kv_result ReadLiteLevels(CKvLiteVariantR& rd, uint32_t& count, Exp**& array, uin
 
 // Writes what a table lists; the first failure is kept in `r`.
 struct SLiteSaver : SSaverRole<SLiteSaver> {
-    SLiteSaver(CKvLiteVariantW& writer, SResult& result, uint32_t level) : w(writer), r(result), depth(level) {}
+    SLiteSaver(CKvLiteVariantW& writer, kv_result& result, uint32_t level) : w(writer), r(result), depth(level) {}
     CKvLiteVariantW& w;
-    SResult& r;
+    kv_result& r;
     uint32_t depth;
 
     template <typename T>
     void operator()(const wchar_t* key, const T& value) {
-        r(w.Set(value, key));
+        KvKeepFirstFailure(r, w.Set(value, key));
     }
     template <typename S, typename Fields>
     void Record(const wchar_t* key, const char*, const S& record, Fields fields) {
@@ -89,27 +94,28 @@ struct SLiteSaver : SSaverRole<SLiteSaver> {
     void Values(const wchar_t* key, const std::vector<CKvStringW>& list) {
         if (list.empty()) return;
         LiteLevel(w, r, key, [&] {
-            for (const CKvStringW& s : list) r(w.Set(s, nullptr));
+            for (const CKvStringW& s : list) KvKeepFirstFailure(r, w.Set(s, nullptr));
         });
     }
     void Flags(const wchar_t* key, const std::vector<uint8_t>& bytes) {
-        if (!bytes.empty()) r(w.Set(bytes.data(), bytes.size(), key));
+        if (!bytes.empty()) KvKeepFirstFailure(r, w.Set(bytes.data(), bytes.size(), key));
     }
     void SubLoops(const wchar_t* key, const std::vector<SKvExpSubLoop>& subs) {
         if (subs.empty()) return;
         LiteLevel(w, r, key, [&] {
             for (const auto& sub : subs)
-                LiteLevel(w, r, nullptr, [&] { WriteLiteLevels(w, r, sub.uiNextLevelCount, sub.ppNextLevelEx, depth); });
+                LiteLevel(w, r, nullptr,
+                          [&] { WriteLiteLevels(w, r, sub.uiNextLevelCount, sub.ppNextLevelEx, depth); });
         });
     }
     void Planes(const wchar_t* key, const std::unique_ptr<SKvPicturePlanes>& planes) {
-        if (planes) LiteLevel(w, r, key, [&] { r(SKvPicturePlanes::SaveToLiteVariant(w, *planes)); });
+        if (planes) LiteLevel(w, r, key, [&] { return SKvPicturePlanes::SaveToLiteVariant(w, *planes); });
     }
     // The per-plane form is for older readers; this one reads "pPlanes".
     void PlaneDesc(const wchar_t* key, const SKvExpSpectLoop& spect, const SKvExpSpectPoint& point) {
         const auto i = static_cast<uint32_t>(&point - spect.Points.data());
         if (spect.pPlanes && i < spect.pPlanes->uiCount)
-            LiteLevel(w, r, key, [&] { r(SKvPicturePlaneDesc::SaveToLiteVariantOld(w, *spect.pPlanes, i)); });
+            LiteLevel(w, r, key, [&] { return SKvPicturePlaneDesc::SaveToLiteVariantOld(w, *spect.pPlanes, i); });
     }
 };
 
@@ -185,12 +191,13 @@ struct SParallelFields {
 
 kv_result WriteLite(CKvLiteVariantW& w, const Exp& e, uint32_t depth) {
     if (depth >= kExpMaxDepth) return KV_ERR_FAILED;
-    SResult r;
+    kv_result r = KV_OK;
     SLiteSaver save{w, r, depth};
     VisitHead(e, save);
     LiteLevel(w, r, kLoopParsKey,
               [&] { WithLoopKind(e.eType, [&](auto kind) { decltype(kind)::Lite(e.uLoopPars, save); }); });
-    if (e.pItemValid && e.uLoopPars.uiCount) r(w.Set(e.pItemValid, e.uLoopPars.uiCount, kItemValidKey));
+    if (e.pItemValid && e.uLoopPars.uiCount)
+        KvKeepFirstFailure(r, w.Set(e.pItemValid, e.uLoopPars.uiCount, kItemValidKey));
     save.Record(L"sAutoFocusBeforeLoop", kRunTypeAF, e.sAutoFocusBeforeLoop, kAutoFocus);
     VisitCommandsAndFlags(e, save, false);
     if (e.pLargeImage) {
@@ -198,13 +205,13 @@ kv_result WriteLite(CKvLiteVariantW& w, const Exp& e, uint32_t depth) {
         save.Record(L"pLargeImageEx", kRunTypeLI, e.pLargeImage->sLargeImageEx, kLargeImage);
     }
     if (e.pNIExperiment)
-        LiteLevel(w, r, L"pNIExperiment", [&] { r(SKvExperimentNI::SaveToLiteVariant(w, *e.pNIExperiment)); });
+        LiteLevel(w, r, L"pNIExperiment", [&] { return SKvExperimentNI::SaveToLiteVariant(w, *e.pNIExperiment); });
     if (e.pRecordedData)
-        LiteLevel(w, r, L"pRecordedData", [&] { r(SKvRecordedData::SaveToLiteVariant(w, *e.pRecordedData)); });
+        LiteLevel(w, r, L"pRecordedData", [&] { return SKvRecordedData::SaveToLiteVariant(w, *e.pRecordedData); });
     save.Record(L"sParallelExperiment", kRunTypeParallel, e.sParallelExperiment, SParallelFields{});
     if (e.ppNextLevelEx) WriteLiteLevels(w, r, e.uiNextLevelCount, e.ppNextLevelEx, depth);
     save(kRepeatKey, e.uiRepeatCount);
-    return r.value;
+    return r;
 }
 
 // Loads an optional record kept in its own level by its own loader.

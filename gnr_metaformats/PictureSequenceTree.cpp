@@ -51,15 +51,15 @@ void TreeLoadValues(const CKvVariant& node, const wchar_t* key, std::vector<T>& 
     }
 }
 
-void TreeSaveLevels(CKvVariant& node, SResult& r, uint32_t count, Exp* const* array, uint32_t depth) {
+void TreeSaveLevels(CKvVariant& node, kv_result& r, uint32_t count, Exp* const* array, uint32_t depth) {
     CKvVariant* list = KvMeta::PutList(node, kNextLevelsKey);
-    if (!list) return r(KV_ERR_OUT_OF_MEMORY);
+    if (!list) return KvKeepFirstFailure(r, KV_ERR_OUT_OF_MEMORY);
     uint32_t n = 0;
-    for (uint32_t i = 0; i < count && r.value == KV_OK; ++i) {
+    for (uint32_t i = 0; i < count && r == KV_OK; ++i) {
         if (!array[i]) continue;
         CKvVariant* child = KvMeta::PutList(*list, FormatName(L"a%u", n++).GetString());
-        if (!child) return r(KV_ERR_OUT_OF_MEMORY);
-        r(SaveTree(*child, *array[i], depth + 1));
+        if (!child) return KvKeepFirstFailure(r, KV_ERR_OUT_OF_MEMORY);
+        KvKeepFirstFailure(r, SaveTree(*child, *array[i], depth + 1));
     }
 }
 // Takes the elements of run type "RKvExperiment" that load without error;
@@ -81,20 +81,20 @@ kv_result TreeLoadLevels(const CKvVariant& node, uint32_t& count, Exp**& array, 
 
 // Appends what a table lists to `node`; the first failure is kept in `r`.
 struct STreeSaver : SSaverRole<STreeSaver> {
-    STreeSaver(CKvVariant& list, SResult& result, uint32_t level) : node(list), r(result), depth(level) {}
+    STreeSaver(CKvVariant& list, kv_result& result, uint32_t level) : node(list), r(result), depth(level) {}
     CKvVariant& node;
-    SResult& r;
+    kv_result& r;
     uint32_t depth;
 
     template <typename T>
     void operator()(const wchar_t* key, const T& value) {
-        if (!KvMeta::Put(node, key, value)) r(KV_ERR_OUT_OF_MEMORY);
+        if (!KvMeta::Put(node, key, value)) KvKeepFirstFailure(r, KV_ERR_OUT_OF_MEMORY);
     }
     template <typename S, typename Fields>
     void Record(const wchar_t* key, const char* runType, const S& record, Fields fields) {
-        if (r.value != KV_OK) return;
+        if (r != KV_OK) return;
         CKvVariant* child = PutStruct(node, key, runType);
-        if (!child) return r(KV_ERR_OUT_OF_MEMORY);
+        if (!child) return KvKeepFirstFailure(r, KV_ERR_OUT_OF_MEMORY);
         STreeSaver sub{*child, r, depth};
         fields(record, sub);
     }
@@ -102,9 +102,9 @@ struct STreeSaver : SSaverRole<STreeSaver> {
     template <typename Put>
     void List(const wchar_t* key, size_t count, Put put) {
         CKvVariant* list = KvMeta::PutList(node, key);
-        if (!list) return r(KV_ERR_OUT_OF_MEMORY);
+        if (!list) return KvKeepFirstFailure(r, KV_ERR_OUT_OF_MEMORY);
         STreeSaver elements{*list, r, depth};
-        for (uint32_t i = 0; i < count && r.value == KV_OK; ++i) put(elements, ItemName(i).GetString(), i);
+        for (uint32_t i = 0; i < count && r == KV_OK; ++i) put(elements, ItemName(i).GetString(), i);
     }
     template <typename T, typename Fields>
     void Records(const wchar_t* key, const char* runType, const std::vector<T>& list, Fields fields) {
@@ -132,23 +132,23 @@ struct STreeSaver : SSaverRole<STreeSaver> {
     void SubLoops(const wchar_t* key, const std::vector<SKvExpSubLoop>& subs) {
         List(key, subs.size(), [&](STreeSaver& s, const wchar_t* name, uint32_t i) {
             CKvVariant* sub = KvMeta::PutList(s.node, name);
-            if (!sub) return r(KV_ERR_OUT_OF_MEMORY);
+            if (!sub) return KvKeepFirstFailure(r, KV_ERR_OUT_OF_MEMORY);
             TreeSaveLevels(*sub, r, subs[i].uiNextLevelCount, subs[i].ppNextLevelEx, depth);
         });
     }
     void Planes(const wchar_t* key, const std::unique_ptr<SKvPicturePlanes>& planes) {
         if (!planes) return;
         CKvVariant* list = KvMeta::PutList(node, key);
-        if (!list) return r(KV_ERR_OUT_OF_MEMORY);
-        r(SKvPicturePlanes::SaveToVariant(*list, *planes));
+        if (!list) return KvKeepFirstFailure(r, KV_ERR_OUT_OF_MEMORY);
+        KvKeepFirstFailure(r, SKvPicturePlanes::SaveToVariant(*list, *planes));
     }
     // The per-channel form is for older readers; this one reads "pPlanes".
     void PlaneDescs(const wchar_t* key, const SKvExpSpectLoop& spect) {
         const uint32_t n = spect.pPlanes ? std::min<uint32_t>(spect.pPlanes->uiCount, spect.Points.size()) : 0;
         List(key, n, [&](STreeSaver& s, const wchar_t* name, uint32_t i) {
             CKvVariant* desc = KvMeta::PutList(s.node, name);
-            if (!desc) return r(KV_ERR_OUT_OF_MEMORY);
-            r(SKvPicturePlaneDesc::SaveToVariantOld(*desc, *spect.pPlanes, i));
+            if (!desc) return KvKeepFirstFailure(r, KV_ERR_OUT_OF_MEMORY);
+            KvKeepFirstFailure(r, SKvPicturePlaneDesc::SaveToVariantOld(*desc, *spect.pPlanes, i));
         });
     }
 };
@@ -224,7 +224,8 @@ struct STreeLoader : SLoaderRole<STreeLoader> {
         for (int i = 0, n = list ? list->GetCount() : 0; i < n && result == KV_OK; ++i) {
             const CKvVariant* sub = list->IndexPtr(i);
             SKvExpSubLoop loop;
-            if (sub && sub->GetCount() >= 0) result = TreeLoadLevels(*sub, loop.uiNextLevelCount, loop.ppNextLevelEx, depth);
+            if (sub && sub->GetCount() >= 0)
+                result = TreeLoadLevels(*sub, loop.uiNextLevelCount, loop.ppNextLevelEx, depth);
             if (result == KV_OK) subs.push_back(std::move(loop));
         }
     }
@@ -241,16 +242,18 @@ struct STreeLoader : SLoaderRole<STreeLoader> {
     void PlaneDescs(const wchar_t*, const SKvExpSpectLoop&) {}
 };
 
-void TreeSaveLoopPars(CKvVariant& lp, SResult& r, const Exp& e, uint32_t depth) {
+void TreeSaveLoopPars(CKvVariant& lp, kv_result& r, const Exp& e, uint32_t depth) {
     STreeSaver save{lp, r, depth};
     WithLoopKind(e.eType, [&](auto kind) { decltype(kind)::Tree(e.uLoopPars, save); });
 }
 
 // Tasks and events: lists of structures named "a0", "a1", ...
 template <typename T, typename Fields>
-void TreeSaveEntries(CKvVariant& list, SResult& r, const char* runType, const std::vector<T>& entries, Fields fields) {
+void TreeSaveEntries(CKvVariant& list, kv_result& r, const char* runType, const std::vector<T>& entries,
+                     Fields fields) {
     STreeSaver save{list, r, 0};
-    for (uint32_t i = 0; i < entries.size(); ++i) save.Record(FormatName(L"a%u", i).GetString(), runType, entries[i], fields);
+    for (uint32_t i = 0; i < entries.size(); ++i)
+        save.Record(FormatName(L"a%u", i).GetString(), runType, entries[i], fields);
 }
 template <typename T, typename Fields>
 void TreeLoadEntries(const CKvVariant* list, std::vector<T>& entries, Fields fields) {
@@ -282,14 +285,14 @@ void TreeLoadOptional(const CKvVariant& node, const wchar_t* key, std::unique_pt
 kv_result SaveTreeOld(CKvVariant& node, const Exp& e, uint32_t depth) {
     if (depth >= kExpMaxDepth || e.uLoopPars.uiCount > kExpMaxTreeItems) return KV_ERR_FAILED;
     KvMeta::BeginStruct(node, kRunType);
-    SResult r;
+    kv_result r = KV_OK;
     STreeSaver save{node, r, depth};
     VisitHead(e, save);
     // Every item gets a flag, so that the tree carries the item count.
     CKvVariant* valid = KvMeta::PutList(node, kItemValidKey);
     if (!valid) return KV_ERR_OUT_OF_MEMORY;
     STreeSaver flags{*valid, r, depth};
-    for (uint32_t i = 0; i < e.uLoopPars.uiCount && r.value == KV_OK; ++i)
+    for (uint32_t i = 0; i < e.uLoopPars.uiCount && r == KV_OK; ++i)
         flags(FormatName(L"%03u", i).GetString(), !e.pItemValid || e.pItemValid[i] != 0);
     CKvVariant* lp = PutStruct(node, kLoopParsKey, LoopRunType(e.eType));
     if (!lp) return KV_ERR_OUT_OF_MEMORY;
@@ -299,8 +302,8 @@ kv_result SaveTreeOld(CKvVariant& node, const Exp& e, uint32_t depth) {
         save.Record(L"pLargeImage", kRunTypeLI, e.pLargeImage->sLargeImage, kLargeImage);
         save.Record(L"pLargeImageEx", kRunTypeLI, e.pLargeImage->sLargeImageEx, kLargeImage);
     }
-    if (r.value == KV_OK) r(TreeSaveOptional(node, L"pNIExperiment", e.pNIExperiment));
-    if (r.value == KV_OK) r(TreeSaveOptional(node, L"pRecordedData", e.pRecordedData));
+    if (r == KV_OK) KvKeepFirstFailure(r, TreeSaveOptional(node, L"pNIExperiment", e.pNIExperiment));
+    if (r == KV_OK) KvKeepFirstFailure(r, TreeSaveOptional(node, L"pRecordedData", e.pRecordedData));
     save.Record(L"sAutoFocusBeforeLoop", kRunTypeAF, e.sAutoFocusBeforeLoop, kAutoFocus);
     CKvVariant* pe = PutStruct(node, L"sParallelExperiment", kRunTypeParallel);
     if (!pe) return KV_ERR_OUT_OF_MEMORY;
@@ -309,16 +312,16 @@ kv_result SaveTreeOld(CKvVariant& node, const Exp& e, uint32_t depth) {
     if (!tasks || !events) return KV_ERR_OUT_OF_MEMORY;
     TreeSaveEntries(*tasks, r, kRunTypeTask, e.sParallelExperiment.aTasks, STaskFields{});
     TreeSaveEntries(*events, r, kRunTypeEvent, e.sParallelExperiment.aEvents, SEventFields{});
-    return r.value;
+    return r;
 }
 
 kv_result SaveTree(CKvVariant& node, const Exp& e, uint32_t depth) {
     kv_result res = SaveTreeOld(node, e, depth);
     if (res != KV_OK) return res;
-    SResult r;
+    kv_result r = KV_OK;
     STreeSaver{node, r, depth}(kRepeatKey, e.uiRepeatCount);
     TreeSaveLevels(node, r, e.uiNextLevelCount, e.ppNextLevelEx, depth);
-    return r.value;
+    return r;
 }
 
 kv_result LoadTreeOld(Exp& e, const CKvVariant& node, uint32_t depth) {
@@ -399,24 +402,24 @@ const bool s_samplesRegistered = [] {
             if (type == Exp::eExpSpectLoop) e.uLoopPars.SpectLoop.pPlanes = std::make_unique<SKvPicturePlanes>();
             CKvVariant node;
             KvMeta::BeginStruct(node, CKvVariantDataCKvListVariant::m_runTypeOrig);
-            SResult r;
+            kv_result r = KV_OK;
             CKvVariant* lp = PutStruct(node, kLoopParsKey, LoopRunType(type));
             if (lp) {
                 TreeSaveLoopPars(*lp, r, e, 0);
-                if (r.value == KV_OK) KvMeta::RegisterSample(LoopRunType(type), *lp);
+                if (r == KV_OK) KvMeta::RegisterSample(LoopRunType(type), *lp);
             }
         }
         CKvVariant time;
         KvMeta::BeginStruct(time, kRunTypeTime);
-        SResult r;
+        kv_result r = KV_OK;
         STreeSaver timeSaver{time, r, 0};
         const SKvExpTimeLoop defaults;
         kTimeTree(defaults, timeSaver);
-        if (r.value == KV_OK) KvMeta::RegisterSample(kRunTypeTime, time);
+        if (r == KV_OK) KvMeta::RegisterSample(kRunTypeTime, time);
         CKvVariant af;
         KvMeta::BeginStruct(af, CKvVariantDataCKvListVariant::m_runTypeOrig);
         STreeSaver{af, r, 0}.Record(L"x", kRunTypeAF, SKvExpAutoFocus(), kAutoFocus);
-        if (r.value == KV_OK && af.IndexPtr(0)) KvMeta::RegisterSample(kRunTypeAF, *af.IndexPtr(0));
+        if (r == KV_OK && af.IndexPtr(0)) KvMeta::RegisterSample(kRunTypeAF, *af.IndexPtr(0));
         SKvExperiment e;
         e.pLargeImage = std::make_unique<SKvExpLargeImage>();
         e.pNIExperiment = std::make_unique<SKvExperimentNI>();
