@@ -91,9 +91,9 @@ kv_result CKvImageFormatQV8::CreateInputImageFile(CKvStringW fileName, IKvInputI
             return KV_ERR_REFUSED_VERSION;
         }
         if (number == 2)
-            file = new CKvQV8InputFile_V02(Shared(), std::move(chunker));
+            file = new CKvQV8InputFile_V02(Shared(), std::move(chunker), version);
         else
-            file = new CKvQV8InputFile_V03(Shared(), std::move(chunker));
+            file = new CKvQV8InputFile_V03(Shared(), std::move(chunker), version);
         return KV_OK;
     });
 }

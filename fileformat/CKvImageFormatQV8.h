@@ -45,7 +45,9 @@ public:
     // Version 2 gives the version-2 reader; 3, later or unparsable numbers
     // the version-3 reader. -1 for version 1, a version text that is not
     // "Ver" and a number, or a container without its map; -9 for a file that
-    // is not a container.
+    // is not a container. The reader keeps the version text it was opened
+    // for, and lists the frames stored (CKvQV8InputFile_V02::GetVersionText,
+    // GetStoredFrames), so a caller need not open the container itself.
     kv_result CreateInputImageFile(CKvStringW fileName, IKvInputImageFile*& file) override;
 };
 

@@ -3,8 +3,6 @@
 // size the attributes give.
 #include "fileformat/CKvQV8InputFile.h"
 
-#include <charconv>
-
 #include <zlib.h>
 
 #include <algorithm>
@@ -44,54 +42,6 @@ uint64_t CheckedPixelRowBytes(const SKvImageAttributes& a) {
     return static_cast<uint64_t>(row);
 }
 
-}  // namespace
-
-SKvFrameChunkName::SKvFrameChunkName(uint32_t index) {
-    static constexpr std::string_view kPrefix = "ImageDataSeq|";
-    std::memcpy(text, kPrefix.data(), kPrefix.size());
-    char* end = std::to_chars(text + kPrefix.size(), text + sizeof text - 2, index).ptr;
-    end[0] = '!';
-    end[1] = '\0';
-}
-
-namespace {
-
-CKvStringA ChunkName(const char* format, uint32_t index) {
-    CKvStringA name;
-    name.Format(format, index);
-    return name;
-}
-
-// Custom-data chunk names carry the caller's wide name as UTF-8. The shared
-// format constants spell the name as "%ls"; it is substituted here rather
-// than by printf, whose wide conversion depends on the locale.
-CKvStringA CustomChunkName(const char* format, const wchar_t* name, uint32_t index = 0) {
-    std::string result(format);
-    const size_t at = result.find("%ls");
-    const std::string utf8 = CKvStringUtils::WtoUTF8(name).Std();
-    result.replace(at, 3, utf8);
-    // The index is searched for after the name, whose own '%' must stay as it is.
-    const size_t indexAt = result.find("%u", at + utf8.size());
-    if (indexAt != std::string::npos) result.replace(indexAt, 2, std::to_string(index));
-    return CKvStringA(result.c_str());
-}
-
-// The index of a chunk named `prefix` + decimal digits + "!", as "%u" writes
-// it (no sign, no leading zero, no overflow); false for any other name.
-bool ParseIndexedName(std::string_view name, std::string_view prefix, uint32_t& index) {
-    if (name.size() < prefix.size() + 2 || name.substr(0, prefix.size()) != prefix || name.back() != '!') return false;
-    const std::string_view digits = name.substr(prefix.size(), name.size() - prefix.size() - 1);
-    if (digits.size() > 10 || (digits.size() > 1 && digits[0] == '0')) return false;
-    uint64_t value = 0;
-    for (char c : digits) {
-        if (c < '0' || c > '9') return false;
-        value = value * 10 + static_cast<uint64_t>(c - '0');
-    }
-    if (value > UINT32_MAX) return false;
-    index = static_cast<uint32_t>(value);
-    return true;
-}
-
 // Reads a chunk into a lite-variant reader, expanded when it is compressed.
 kv_result LoadLiteChunk(CKvFileChunker& chunker, const char* name, CKvLiteVariantR& reader) {
     kv_result r = chunker.GetChunk(static_cast<CKvByteArray&>(reader), name);
@@ -118,6 +68,17 @@ void HandOverTree(CKvVariant& target, const CKvVariant& decoded) {
     target = decoded;
     target.EnableTypeChange(previous);
 }
+
+// Gives the caller, when it asks, the whole tree a record was just loaded
+// from by `reader`.
+kv_result CopyLiteTree(CKvLiteVariantR& reader, CKvVariant* tree) {
+    if (!tree) return KV_OK;
+    reader.Reset();
+    return reader.GetCurrentValue(*tree) == KV_OK ? KV_OK : KV_ERR_FAILED;
+}
+
+// A record that did not load: for want of memory, or else from damage.
+kv_result LoadFailure(kv_result r) { return r == KV_ERR_OUT_OF_MEMORY ? r : KV_ERR_FAILED; }
 
 }  // namespace
 
@@ -161,8 +122,9 @@ kv_result CKvQV8InputFile_V01::Finalize() { return KV_OK; }
 
 // ---- Version 2: reference counting and state
 
-CKvQV8InputFile_V02::CKvQV8InputFile_V02(IKvImageFormat* format, std::unique_ptr<CKvFileChunker> chunker)
-    : m_pChunker(std::move(chunker)), m_pFormat(format) {
+CKvQV8InputFile_V02::CKvQV8InputFile_V02(IKvImageFormat* format, std::unique_ptr<CKvFileChunker> chunker,
+                                         const CKvStringA& version)
+    : m_pChunker(std::move(chunker)), m_strVersion(version), m_pFormat(format) {
     m_aAcqTimes.Reserve(1024);
     if (!m_pChunker) m_pChunker = std::make_unique<CKvFileChunker>();
 }
@@ -190,6 +152,23 @@ void CKvQV8InputFile_V02::SetTotalSequenceCount(uint32_t count) {
     }
 }
 
+kv_result CKvQV8InputFile_V02::GetStoredFrames(std::vector<SKvStoredFrame>& frames) {
+    return KvNoThrow([&]() -> kv_result {
+        std::vector<SKvStoredFrame> found;
+        KvQV8ForEachIndexedChunk(m_pChunker->GetChunkMap(), kFrameChunkPrefix, [&](std::string_view name, uint32_t index) {
+            SKvChunkHeader header;
+            if (m_pChunker->GetChunkHeader(header, std::string(name).c_str()) != KV_OK ||
+                header.dataLength < kFramePrefixSize)
+                return;
+            found.push_back({index, header.dataLength - kFramePrefixSize});
+        });
+        std::sort(found.begin(), found.end(),
+                  [](const SKvStoredFrame& a, const SKvStoredFrame& b) { return a.uiIndex < b.uiIndex; });
+        frames.swap(found);
+        return KV_OK;
+    });
+}
+
 // ---- Decoding helpers
 
 template <typename Load>
@@ -199,6 +178,20 @@ kv_result CKvQV8InputFile_V02::ReadLiteChunk(const char* name, Load&& load) {
         const kv_result r = LoadLiteChunk(*m_pChunker, name, reader);
         if (r != KV_OK) return r;
         return load(reader);
+    });
+}
+
+template <typename LoadLite, typename LoadXml>
+kv_result CKvQV8InputFile_V02::ReadLiteOrXmlChunk(const char* liteName, const char* xmlName, LoadLite&& loadLite,
+                                                  LoadXml&& loadXml) {
+    if (liteName) {
+        const kv_result r = ReadLiteChunk(liteName, loadLite);
+        if (r != KV_ERR_NOT_FOUND || !xmlName) return r;
+    }
+    return KvNoThrow([&]() -> kv_result {
+        CKvVariant decoded;
+        const kv_result r = ReadXmlChunk(xmlName, decoded);
+        return r == KV_OK ? loadXml(decoded) : r;
     });
 }
 
@@ -415,21 +408,24 @@ kv_result CKvQV8InputFile_V02::GetImageAttributes(SKvImageAttributes& attributes
     });
 }
 
+// Version 3 reads the lite chunk, and the XML chunk of older files without it.
 kv_result CKvQV8InputFile_V02::GetImageMetadata(SKvExperiment& experiment, CKvVariant* tree) {
-    return ReadXmlExperiment(experiment, tree);
-}
-
-kv_result CKvQV8InputFile_V02::ReadXmlExperiment(SKvExperiment& experiment, CKvVariant* tree) {
     return KvNoThrow([&]() -> kv_result {
-        CKvVariant decoded;
-        kv_result r = ReadXmlChunk(kChunkExperiment, decoded);
-        if (r != KV_OK) return r;
         SKvExperiment loaded;
-        r = SKvExperiment::LoadFromVariant(loaded, decoded);
-        if (r != KV_OK) return r == KV_ERR_OUT_OF_MEMORY ? r : KV_ERR_FAILED;
-        SKvExperiment::Swap(experiment, loaded);
-        if (tree) HandOverTree(*tree, decoded);
-        return KV_OK;
+        const kv_result r = ReadLiteOrXmlChunk(
+            IsLiteVariant() ? kChunkExperimentLV : nullptr, kChunkExperiment,
+            [&](CKvLiteVariantR& reader) -> kv_result {
+                if (SKvExperiment::LoadFromLiteVariant(loaded, reader) != KV_OK) return KV_ERR_FAILED;
+                return CopyLiteTree(reader, tree);
+            },
+            [&](CKvVariant& decoded) -> kv_result {
+                const kv_result loadResult = SKvExperiment::LoadFromVariant(loaded, decoded);
+                if (loadResult != KV_OK) return LoadFailure(loadResult);
+                if (tree) HandOverTree(*tree, decoded);
+                return KV_OK;
+            });
+        if (r == KV_OK) SKvExperiment::Swap(experiment, loaded);
+        return r;
     });
 }
 
@@ -440,23 +436,18 @@ kv_result CKvQV8InputFile_V02::GetImageMetadata(uint32_t sequenceIndex, SKvPictu
 
 kv_result CKvQV8InputFile_V02::DecodePictureMetadata(const char* name, SKvPictureMetadata& metadata,
                                                      CKvVariant* tree) {
-    if (IsLiteVariant()) {
-        return ReadLiteChunk(name, [&](CKvLiteVariantR& reader) -> kv_result {
+    const bool lite = IsLiteVariant();
+    return ReadLiteOrXmlChunk(
+        lite ? name : nullptr, lite ? nullptr : name,
+        [&](CKvLiteVariantR& reader) -> kv_result {
             if (SKvPictureMetadata::LoadFromLiteVariant(metadata, reader) != KV_OK) return KV_ERR_FAILED;
-            if (tree) {
-                reader.Reset();
-                if (reader.GetCurrentValue(*tree) != KV_OK) return KV_ERR_FAILED;
-            }
+            return CopyLiteTree(reader, tree);
+        },
+        [&](CKvVariant& decoded) -> kv_result {
+            if (SKvPictureMetadata::LoadFromVariant(metadata, decoded) != KV_OK) return KV_ERR_FAILED;
+            if (tree) HandOverTree(*tree, decoded);
             return KV_OK;
         });
-    }
-    CKvVariant decoded;
-    decoded.EnableTypeChange(true);
-    kv_result r = ReadXmlChunk(name, decoded);
-    if (r != KV_OK) return r;
-    if (SKvPictureMetadata::LoadFromVariant(metadata, decoded) != KV_OK) return KV_ERR_FAILED;
-    if (tree) HandOverTree(*tree, decoded);
-    return KV_OK;
 }
 
 kv_result CKvQV8InputFile_V02::ReadFrameMetadata(uint32_t sequenceIndex, SKvPictureMetadata& metadata,
@@ -468,21 +459,18 @@ kv_result CKvQV8InputFile_V02::ReadFrameMetadata(uint32_t sequenceIndex, SKvPict
             // The first picture-metadata chunk of the file serves every frame.
             // The map is searched by prefix: probing every index up to a
             // sequence count of billions would take forever.
-            const std::string_view prefix = IsLiteVariant() ? "ImageMetadataSeqLV|" : "ImageMetadataSeq|";
-            const auto& map = m_pChunker->GetChunkMap();
             bool found = false;
             uint32_t first = 0;
-            for (auto it = map.lower_bound(prefix); it != map.end(); ++it) {
-                const std::string_view name = (*it).first;
-                if (name.substr(0, prefix.size()) != prefix) break;
-                uint32_t index = 0;
-                if (ParseIndexedName(name, prefix, index) && index < m_uiSequenceCount && (!found || index < first)) {
-                    first = index;
-                    found = true;
-                }
-            }
+            KvQV8ForEachIndexedChunk(m_pChunker->GetChunkMap(),
+                                     IsLiteVariant() ? kPictureMetaLVPrefix : kPictureMetaPrefix,
+                                     [&](std::string_view, uint32_t index) {
+                                         if (index < m_uiSequenceCount && (!found || index < first)) {
+                                             first = index;
+                                             found = true;
+                                         }
+                                     });
             if (!found) return KV_ERR_NOT_FOUND;
-            const CKvStringA name = ChunkName(IsLiteVariant() ? kChunkPictureMetaLV : kChunkPictureMeta, first);
+            const CKvStringA name = KvQV8ChunkName(IsLiteVariant() ? kChunkPictureMetaLV : kChunkPictureMeta, first);
             SKvPictureMetadata decoded;
             const kv_result r = DecodePictureMetadata(name.c_str(), decoded, tree);
             if (r != KV_OK) return r;
@@ -528,35 +516,40 @@ kv_result CKvQV8InputFile_V02::GetAcqTime(double& time) {
     });
 }
 
-kv_result CKvQV8InputFile_V02::GetImageTextInfo(SKvImageTextInfo& info) { return ReadXmlTextInfo(info); }
-
-kv_result CKvQV8InputFile_V02::ReadXmlTextInfo(SKvImageTextInfo& info) {
+kv_result CKvQV8InputFile_V02::GetImageTextInfo(SKvImageTextInfo& info) {
     return KvNoThrow([&]() -> kv_result {
-        CKvVariant tree;
-        kv_result r = ReadXmlChunk(kChunkTextInfo, tree);
-        if (r != KV_OK) return r;
         SKvImageTextInfo loaded = info;
-        if (LoadNamedRecord(loaded, tree, L"SKvImageTextInfo") != KV_OK) return KV_ERR_FAILED;
-        info = std::move(loaded);
-        return KV_OK;
+        const kv_result r = ReadLiteOrXmlChunk(
+            IsLiteVariant() ? kChunkTextInfoLV : nullptr, kChunkTextInfo,
+            [&](CKvLiteVariantR& reader) { return SKvImageTextInfo::LoadFromLiteVariant(loaded, reader); },
+            [&](CKvVariant& decoded) {
+                loaded = info;  // keeps nothing of a lite chunk that did not load
+                return LoadNamedRecord(loaded, decoded, L"SKvImageTextInfo");
+            });
+        if (r == KV_OK) info = std::move(loaded);
+        return r;
     });
 }
 
+// Writers of both versions store the events as XML ("ImageEvents!"); the
+// lite chunk is read when a file has one.
 kv_result CKvQV8InputFile_V02::GetImageEvents(SKvExperimentRecord& record, CKvVariant* tree) {
-    return ReadXmlEvents(record, tree);
-}
-
-kv_result CKvQV8InputFile_V02::ReadXmlEvents(SKvExperimentRecord& record, CKvVariant* tree) {
     return KvNoThrow([&]() -> kv_result {
-        CKvVariant decoded;
-        kv_result r = ReadXmlChunk(kChunkEvents, decoded);
-        if (r != KV_OK) return r;
         SKvExperimentRecord loaded;
-        r = SKvExperimentRecord::LoadFromVariant(loaded, decoded);
-        if (r != KV_OK) return r == KV_ERR_OUT_OF_MEMORY ? r : KV_ERR_FAILED;
-        record = std::move(loaded);
-        if (tree) HandOverTree(*tree, decoded);
-        return KV_OK;
+        const kv_result r = ReadLiteOrXmlChunk(
+            IsLiteVariant() ? kChunkEventsLV : nullptr, kChunkEvents,
+            [&](CKvLiteVariantR& reader) -> kv_result {
+                const kv_result loadResult = SKvExperimentRecord::LoadFromLiteVariant(loaded, reader);
+                return loadResult != KV_OK ? LoadFailure(loadResult) : CopyLiteTree(reader, tree);
+            },
+            [&](CKvVariant& decoded) -> kv_result {
+                const kv_result loadResult = SKvExperimentRecord::LoadFromVariant(loaded, decoded);
+                if (loadResult != KV_OK) return LoadFailure(loadResult);
+                if (tree) HandOverTree(*tree, decoded);
+                return KV_OK;
+            });
+        if (r == KV_OK) record = std::move(loaded);
+        return r;
     });
 }
 
@@ -573,38 +566,39 @@ kv_result CKvQV8InputFile_V02::ReadRawChunk(const char* name, CKvByteArray& data
 
 kv_result CKvQV8InputFile_V02::GetCustomData(const wchar_t* name, CKvByteArray& data) {
     if (!name) return KV_ERR_INVALID_ARG;
-    return KvNoThrow([&]() { return ReadRawChunk(CustomChunkName(kChunkCustomData, name).c_str(), data); });
+    return KvNoThrow([&]() { return ReadRawChunk(KvQV8CustomChunkName(kChunkCustomData, name).c_str(), data); });
 }
 
 kv_result CKvQV8InputFile_V02::GetCustomDataSeq(const wchar_t* name, uint32_t sequenceIndex, CKvByteArray& data) {
     if (!name) return KV_ERR_INVALID_ARG;
     return KvNoThrow([&]() {
-        return ReadRawChunk(CustomChunkName(kChunkCustomDataSeq, name, sequenceIndex).c_str(), data);
+        return ReadRawChunk(KvQV8CustomChunkName(kChunkCustomDataSeq, name, sequenceIndex).c_str(), data);
     });
 }
 
 kv_result CKvQV8InputFile_V02::ReadVariantChunk(const char* name, CKvVariant& tree) {
-    if (!IsLiteVariant()) {
-        CKvVariant decoded;
-        const kv_result r = ReadXmlChunk(name, decoded);
-        if (r == KV_OK) HandOverTree(tree, decoded);
-        return r;
-    }
-    return ReadLiteChunk(name, [&](CKvLiteVariantR& reader) -> kv_result {
-        const kv_result r = reader.GetCurrentValue(tree);
-        return r == KV_OK || r == KV_ERR_OUT_OF_MEMORY ? r : KV_ERR_FAILED;
-    });
+    const bool lite = IsLiteVariant();
+    return ReadLiteOrXmlChunk(
+        lite ? name : nullptr, lite ? nullptr : name,
+        [&](CKvLiteVariantR& reader) -> kv_result {
+            const kv_result r = reader.GetCurrentValue(tree);
+            return r == KV_OK || r == KV_ERR_OUT_OF_MEMORY ? r : KV_ERR_FAILED;
+        },
+        [&](CKvVariant& decoded) -> kv_result {
+            HandOverTree(tree, decoded);
+            return KV_OK;
+        });
 }
 
 kv_result CKvQV8InputFile_V02::GetCustomDataVar(const wchar_t* name, CKvVariant& tree) {
     if (!name) return KV_ERR_INVALID_ARG;
-    return KvNoThrow([&]() { return ReadVariantChunk(CustomChunkName(kChunkCustomDataVar, name).c_str(), tree); });
+    return KvNoThrow([&]() { return ReadVariantChunk(KvQV8CustomChunkName(kChunkCustomDataVar, name).c_str(), tree); });
 }
 
 kv_result CKvQV8InputFile_V02::GetCustomDataVarSeq(const wchar_t* name, uint32_t sequenceIndex, CKvVariant& tree) {
     if (!name) return KV_ERR_INVALID_ARG;
     return KvNoThrow([&]() {
-        return ReadVariantChunk(CustomChunkName(kChunkCustomDataVarSeq, name, sequenceIndex).c_str(), tree);
+        return ReadVariantChunk(KvQV8CustomChunkName(kChunkCustomDataVarSeq, name, sequenceIndex).c_str(), tree);
     });
 }
 
@@ -615,8 +609,9 @@ kv_result CKvQV8InputFile_V02::GetImageBinary(void* data) {
 
 // ---- Version 3 (lite variant), falling back to the XML chunks of older files
 
-CKvQV8InputFile_V03::CKvQV8InputFile_V03(IKvImageFormat* format, std::unique_ptr<CKvFileChunker> chunker)
-    : CKvQV8InputFile_V02(format, std::move(chunker)) {}
+CKvQV8InputFile_V03::CKvQV8InputFile_V03(IKvImageFormat* format, std::unique_ptr<CKvFileChunker> chunker,
+                                         const CKvStringA& version)
+    : CKvQV8InputFile_V02(format, std::move(chunker), version) {}
 
 CKvQV8InputFile_V03::~CKvQV8InputFile_V03() = default;
 
@@ -635,34 +630,9 @@ kv_result CKvQV8InputFile_V03::GetImageAttributes(SKvImageAttributes& attributes
     return AcceptAttributes(loaded, attributes);
 }
 
-kv_result CKvQV8InputFile_V03::GetImageMetadata(SKvExperiment& experiment, CKvVariant* tree) {
-    SKvExperiment loaded;
-    const kv_result r = ReadLiteChunk(kChunkExperimentLV, [&](CKvLiteVariantR& reader) -> kv_result {
-        if (SKvExperiment::LoadFromLiteVariant(loaded, reader) != KV_OK) return KV_ERR_FAILED;
-        if (tree) {
-            reader.Reset();
-            if (reader.GetCurrentValue(*tree) != KV_OK) return KV_ERR_FAILED;
-        }
-        return KV_OK;
-    });
-    if (r == KV_ERR_NOT_FOUND) return ReadXmlExperiment(experiment, tree);
-    if (r == KV_OK) SKvExperiment::Swap(experiment, loaded);
-    return r;
-}
-
 kv_result CKvQV8InputFile_V03::GetImageMetadata(uint32_t sequenceIndex, SKvPictureMetadata& metadata,
                                                 CKvVariant* tree) {
     return ReadFrameMetadata(sequenceIndex, metadata, tree);
-}
-
-kv_result CKvQV8InputFile_V03::GetImageTextInfo(SKvImageTextInfo& info) {
-    SKvImageTextInfo loaded = info;
-    const kv_result r = ReadLiteChunk(kChunkTextInfoLV, [&](CKvLiteVariantR& reader) {
-        return SKvImageTextInfo::LoadFromLiteVariant(loaded, reader);
-    });
-    if (r == KV_ERR_NOT_FOUND) return ReadXmlTextInfo(info);
-    if (r == KV_OK) info = std::move(loaded);
-    return r;
 }
 
 kv_result CKvQV8InputFile_V03::GetRectData(uint32_t sequenceIndex, uint32_t left, uint32_t top, uint32_t width,
@@ -671,22 +641,4 @@ kv_result CKvQV8InputFile_V03::GetRectData(uint32_t sequenceIndex, uint32_t left
                                            void* userData) {
     return CKvQV8InputFile_V02::GetRectData(sequenceIndex, left, top, width, height, dstWidth, dstHeight, buffer,
                                             dstRowBytes, flags, progress, userData);
-}
-
-// Writers of both versions store the events as XML ("ImageEvents!"); the
-// lite chunk is read when a file has one.
-kv_result CKvQV8InputFile_V03::GetImageEvents(SKvExperimentRecord& record, CKvVariant* tree) {
-    SKvExperimentRecord loaded;
-    const kv_result r = ReadLiteChunk(kChunkEventsLV, [&](CKvLiteVariantR& reader) -> kv_result {
-        const kv_result loadResult = SKvExperimentRecord::LoadFromLiteVariant(loaded, reader);
-        if (loadResult != KV_OK) return loadResult == KV_ERR_OUT_OF_MEMORY ? loadResult : KV_ERR_FAILED;
-        if (tree) {
-            reader.Reset();
-            if (reader.GetCurrentValue(*tree) != KV_OK) return KV_ERR_FAILED;
-        }
-        return KV_OK;
-    });
-    if (r == KV_ERR_NOT_FOUND) return ReadXmlEvents(record, tree);
-    if (r == KV_OK) record = std::move(loaded);
-    return r;
 }

@@ -10,47 +10,16 @@
 #include "fileformat/CKvFileChunker.h"
 #include "fileformat/IKvImageFile.h"
 #include "fileformat/KvFrameCodec.h"
+#include "fileformat/QV8Layout.h"
 #include "gnr_system/CKvSerializerXMLString.h"
 
-// Chunk names of a QV8 file. Formats take a decimal frame index (%u) and a
-// custom-data name (%ls). Version-2 files use the names without "LV".
-constexpr const char* kChunkFrame = "ImageDataSeq|%u!";
-// The frame chunk's name without printf, for the paths that run per frame:
-// kChunkFrame with `index` put in, written into `out` and null-terminated.
-struct SKvFrameChunkName {
-    explicit SKvFrameChunkName(uint32_t index);
-    const char* c_str() const { return text; }
-    char text[32];
+// A frame that has a chunk in the file, and the bytes its pixels take there
+// (after the time prefix: the zlib stream of a compressed frame).
+struct SKvStoredFrame {
+    uint32_t uiIndex = 0;
+    uint64_t nStoredBytes = 0;
 };
-constexpr const char* kChunkAttributes = "ImageAttributes!";
-constexpr const char* kChunkAttributesLV = "ImageAttributesLV!";
-constexpr const char* kChunkExperiment = "ImageMetadata!";
-constexpr const char* kChunkExperimentLV = "ImageMetadataLV!";
-constexpr const char* kChunkPictureMeta = "ImageMetadataSeq|%u!";
-constexpr const char* kChunkPictureMetaLV = "ImageMetadataSeqLV|%u!";
-constexpr const char* kChunkTextInfo = "ImageTextInfo!";
-constexpr const char* kChunkTextInfoLV = "ImageTextInfoLV!";
-constexpr const char* kChunkEvents = "ImageEvents!";
-constexpr const char* kChunkEventsLV = "ImageEventsLV!";
-constexpr const char* kChunkAcqTimes = "CustomData|AcqTimesCache!";
-constexpr const char* kChunkCustomData = "CustomData|%ls!";
-constexpr const char* kChunkCustomDataSeq = "CustomDataSeq|%ls|%u!";
-constexpr const char* kChunkCustomDataVar = "CustomDataVar|%ls!";
-constexpr const char* kChunkCustomDataVarSeq = "CustomDataVarSeq|%ls|%u!";
-// The two "CustomDataVar" chunks hold a variant tree in the metadata encoding
-// of the file's version: in version 3 the lite-variant bytes of the tree as
-// CKvLiteVariantW::Set(tree, name) writes them (one item, a level for a
-// list), read back with CKvLiteVariantR::GetCurrentValue; in version 2 the
-// UTF-8 XML document of the tree written by CKvSerializerXMLString.
-// Custom-data names are stored as UTF-8 in the chunk names.
-constexpr const char* kChunkBinary = "ImageBinary!";
-constexpr const char* kChunkCalibration = "ImageCalibration|%u!";
-// Bytes before the pixels of a frame chunk: the frame's time, a little-endian double.
-constexpr uint64_t kFramePrefixSize = 8;
-// Custom-data variant holding the picture served for full-size rectangles
-// of compressed frames: level "Thumbnail" with "uiComp", "uiBpc",
-// "uiWidthBytes", "uiHeight", "uiWidth" and the pixel bytes "pData".
-constexpr const wchar_t* kThumbnailName = L"Thumbnail_V1_0";
+
 // Marker of picture metadata not loaded yet.
 constexpr const wchar_t* kMetadataNotInitialized = L"##not_initialized##";
 
@@ -90,8 +59,10 @@ private:
 // Version 2, and every operation version 3 inherits.
 class CKvQV8InputFile_V02 : public IKvQV8InputFile {
 public:
-    // Takes over `chunker`, opened read-only with its map.
-    CKvQV8InputFile_V02(IKvImageFormat* format, std::unique_ptr<CKvFileChunker> chunker);
+    // Takes over `chunker`, opened read-only with its map; `version` is the
+    // version text of its signature, when the opener knows it.
+    CKvQV8InputFile_V02(IKvImageFormat* format, std::unique_ptr<CKvFileChunker> chunker,
+                        const CKvStringA& version = CKvStringA());
 
     uint32_t AddRef() override;
     uint32_t Release() override;
@@ -119,6 +90,14 @@ public:
     // reports `count` as the sequence count whatever the file says.
     void SetTotalSequenceCount(uint32_t count);
     CKvFileChunker& Chunker() { return *m_pChunker; }
+    // The version text of the file's signature ("Ver3.0"); empty when the
+    // opener did not give it (a reader made by a writer).
+    const CKvStringA& GetVersionText() const { return m_strVersion; }
+    // Every frame with a readable frame chunk, by ascending index. Found in
+    // the chunk map rather than from the announced frame count, which a
+    // damaged file may inflate; a chunk whose header cannot be read or is
+    // shorter than the time prefix is left out.
+    kv_result GetStoredFrames(std::vector<SKvStoredFrame>& frames);
 
 protected:
     virtual ~CKvQV8InputFile_V02();
@@ -135,6 +114,11 @@ protected:
     // Decodes a lite-variant chunk and hands its reader to `load`.
     template <typename Load>
     kv_result ReadLiteChunk(const char* name, Load&& load);
+    // One metadata record in either encoding: the lite-variant chunk
+    // `liteName` when given and present, else the XML chunk `xmlName` when
+    // given, decoded and handed to `loadXml`. Either name may be null.
+    template <typename LoadLite, typename LoadXml>
+    kv_result ReadLiteOrXmlChunk(const char* liteName, const char* xmlName, LoadLite&& loadLite, LoadXml&& loadXml);
 
     // True for readers whose metadata chunks are lite variants (version 3).
     virtual bool IsLiteVariant() const { return false; }
@@ -146,10 +130,6 @@ protected:
     // Full-size rectangles of compressed frames, served from the thumbnail.
     kv_result CopyFromThumbnail(uint32_t left, uint32_t top, uint32_t width, uint32_t height, uint8_t* out,
                                 uint64_t stride, KvProgressCallback progress, void* userData);
-    // The version-2 forms, also the fallback of version 3 for older files.
-    kv_result ReadXmlExperiment(SKvExperiment& experiment, CKvVariant* tree);
-    kv_result ReadXmlTextInfo(SKvImageTextInfo& info);
-    kv_result ReadXmlEvents(SKvExperimentRecord& record, CKvVariant* tree);
     // The shared picture metadata of the first metadata chunk, with the frame's times.
     kv_result ReadFrameMetadata(uint32_t sequenceIndex, SKvPictureMetadata& metadata, CKvVariant* tree);
     kv_result DecodePictureMetadata(const char* name, SKvPictureMetadata& metadata, CKvVariant* tree);
@@ -159,6 +139,7 @@ protected:
     kv_result ReadVariantChunk(const char* name, CKvVariant& tree);
 
     std::unique_ptr<CKvFileChunker> m_pChunker;
+    CKvStringA m_strVersion;                  // of the signature, when known
     CKvByteArray m_aAcqTimes;                 // doubles, one per frame, once loaded
     SKvPictureMetadata m_sMetadata;           // the shared picture metadata, once loaded
     CKvStringW m_strMetadataMarker{kMetadataNotInitialized};
@@ -179,17 +160,18 @@ protected:
 // Version 3 (and any version number other than 1 and 2).
 class CKvQV8InputFile_V03 : public CKvQV8InputFile_V02 {
 public:
-    CKvQV8InputFile_V03(IKvImageFormat* format, std::unique_ptr<CKvFileChunker> chunker);
+    CKvQV8InputFile_V03(IKvImageFormat* format, std::unique_ptr<CKvFileChunker> chunker,
+                        const CKvStringA& version = CKvStringA());
 
     kv_result GetData(uint32_t sequenceIndex, void* buffer, KvProgressCallback progress, void* userData) override;
     kv_result GetImageAttributes(SKvImageAttributes& attributes) override;
-    kv_result GetImageMetadata(SKvExperiment& experiment, CKvVariant* tree) override;
     kv_result GetImageMetadata(uint32_t sequenceIndex, SKvPictureMetadata& metadata, CKvVariant* tree) override;
-    kv_result GetImageTextInfo(SKvImageTextInfo& info) override;
     kv_result GetRectData(uint32_t sequenceIndex, uint32_t left, uint32_t top, uint32_t width, uint32_t height,
                           uint32_t dstWidth, uint32_t dstHeight, void* buffer, uint32_t dstRowBytes, int flags,
                           KvProgressCallback progress, void* userData) override;
-    kv_result GetImageEvents(SKvExperimentRecord& record, CKvVariant* tree) override;
+    // The experiment, text information and events come from the base, which
+    // reads their lite chunks first for this version.
+    using CKvQV8InputFile_V02::GetImageMetadata;
 
 protected:
     ~CKvQV8InputFile_V03() override;

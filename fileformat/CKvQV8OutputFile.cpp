@@ -11,6 +11,7 @@
 #include <new>
 #include <string>
 
+#include "fileformat/CKvQV8InputFile.h"
 #include "gnr_system/CKvSerializerXMLString.h"
 #include "gnr_system/KvBytes.h"
 
@@ -18,10 +19,6 @@ namespace {
 
 // Largest byte count one chunk call takes.
 constexpr uint64_t kMaxChunkBytes = 0xFFFFFFFFull;
-// zlib level used when the compression parameter is below 1.
-constexpr int kDefaultZlibLevel = 6;
-constexpr int kMinZlibLevel = 1;
-constexpr int kMaxZlibLevel = 9;
 // Time stored for frames whose time is unknown.
 constexpr double kNoAcqTime = -1.0;
 
@@ -33,18 +30,6 @@ constexpr const wchar_t* kExperimentTreeName = L"SKvExperiment";
 constexpr const wchar_t* kPictureMetaTreeName = L"SKvPictureMetadata";
 constexpr const wchar_t* kEventsTreeName = L"SKvExperimentRecord";
 constexpr const wchar_t* kCalibrationTreeName = L"SKvCalibration";
-
-int ZlibLevel(double parameter) {
-    if (std::isnan(parameter) || parameter < kMinZlibLevel) return kDefaultZlibLevel;
-    if (parameter > kMaxZlibLevel) return kMaxZlibLevel;
-    return static_cast<int>(parameter);
-}
-
-CKvStringA FormatIndexed(const char* pattern, uint32_t index) {
-    CKvStringA name;
-    name.Format(pattern, index);
-    return name;
-}
 
 // Saves a record into a tree named after it, for the XML chunks.
 template <typename Save>
@@ -236,7 +221,7 @@ kv_result CKvQV8OutputFile_V02::writeFrame(uint32_t sequenceIndex, const void* p
         if (!m_pCompressBuffer) return KV_ERR_OUT_OF_MEMORY;
     }
     uint64_t packed = 0;
-    const kv_result r = m_deflater.Compress(pixels, frameSize, ZlibLevel(m_sAttributes.dCompressionParam),
+    const kv_result r = m_deflater.Compress(pixels, frameSize, KvQV8ZlibLevel(m_sAttributes.dCompressionParam),
                                             m_pCompressBuffer.get(), capacity, packed);
     if (r != KV_OK) return r;
     if (packed > kMaxChunkBytes) return KV_ERR_FAILED;
@@ -298,19 +283,6 @@ kv_result CKvQV8OutputFile_V02::writeLiteChunk(CKvLiteVariantW& writer, const ch
     return writeBytesChunk(encoded.GetData(), encoded.GetSize(), name);
 }
 
-CKvStringA CKvQV8OutputFile_V02::customChunkName(const char* pattern, const wchar_t* name, uint32_t index) {
-    // The wide name goes in as UTF-8 whatever the process locale; a "%" in
-    // it must not be taken for a conversion, so it is placed after formatting.
-    std::string text(pattern);
-    const size_t at = text.find("%ls");
-    const std::string before = text.substr(0, at);
-    const std::string after = text.substr(at + 3);
-    CKvStringA tail;
-    if (after.find('%') != std::string::npos) tail.Format(after.c_str(), index);
-    else tail = after.c_str();
-    return CKvStringA((before + CKvStringUtils::WtoUTF8(name).Std() + tail.Std()).c_str());
-}
-
 // ---- metadata ----
 
 kv_result CKvQV8OutputFile_V02::SetImageMetadata(const SKvExperiment& experiment, const CKvVariant*) {
@@ -349,7 +321,7 @@ kv_result CKvQV8OutputFile_V02::SetImageMetadata(uint32_t sequenceIndex, const S
         CKvVariant tree;
         r = BuildNamedTree(tree, kPictureMetaTreeName,
                            [&](CKvVariant& t) { return SKvPictureMetadata::SaveToVariant(t, metadata); });
-        return r != KV_OK ? r : writeXmlChunk(tree, FormatIndexed(kChunkPictureMeta, sequenceIndex).c_str());
+        return r != KV_OK ? r : writeXmlChunk(tree, KvQV8ChunkName(kChunkPictureMeta, sequenceIndex).c_str());
     });
 }
 
@@ -360,7 +332,7 @@ kv_result CKvQV8OutputFile_V03::SetImageMetadata(uint32_t sequenceIndex, const S
         if (r != KV_OK) return r;
         CKvLiteVariantW writer;
         r = SKvPictureMetadata::SaveToLiteVariant(writer, metadata);
-        return r != KV_OK ? r : writeLiteChunk(writer, FormatIndexed(kChunkPictureMetaLV, sequenceIndex).c_str());
+        return r != KV_OK ? r : writeLiteChunk(writer, KvQV8ChunkName(kChunkPictureMetaLV, sequenceIndex).c_str());
     });
 }
 
@@ -400,7 +372,7 @@ kv_result CKvQV8OutputFile_V02::SetImageCalibration(uint32_t index, double calib
                               tree.Append(CKvVariant(valid, CKvStringW(L"bValid"))) &&
                               tree.Append(CKvVariant(objective, CKvStringW(L"sObjective")));
         if (!appended) return KV_ERR_OUT_OF_MEMORY;
-        return writeXmlChunk(tree, FormatIndexed(kChunkCalibration, index).c_str());
+        return writeXmlChunk(tree, KvQV8ChunkName(kChunkCalibration, index).c_str());
     });
 }
 
@@ -414,21 +386,21 @@ kv_result CKvQV8OutputFile_V02::SetImageBinary(void* data) {
 
 kv_result CKvQV8OutputFile_V02::SetCustomData(const wchar_t* name, const void* data, uint64_t size) {
     if (!name) return KV_ERR_INVALID_ARG;
-    return KvNoThrow([&] { return writeBytesChunk(data, size, customChunkName(kChunkCustomData, name).c_str()); });
+    return KvNoThrow([&] { return writeBytesChunk(data, size, KvQV8CustomChunkName(kChunkCustomData, name).c_str()); });
 }
 
 kv_result CKvQV8OutputFile_V02::SetCustomDataSeq(const wchar_t* name, uint32_t sequenceIndex, const void* data,
                                                  uint64_t size) {
     if (!name) return KV_ERR_INVALID_ARG;
     return KvNoThrow([&] {
-        return writeBytesChunk(data, size, customChunkName(kChunkCustomDataSeq, name, sequenceIndex).c_str());
+        return writeBytesChunk(data, size, KvQV8CustomChunkName(kChunkCustomDataSeq, name, sequenceIndex).c_str());
     });
 }
 
 kv_result CKvQV8OutputFile_V02::SetCustomDataVar(const wchar_t* name, const CKvVariant* tree) {
     if (!name || !tree) return KV_ERR_INVALID_ARG;
     return KvNoThrow(
-        [&] { return writeVariantChunk(*tree, name, customChunkName(kChunkCustomDataVar, name).c_str()); });
+        [&] { return writeVariantChunk(*tree, name, KvQV8CustomChunkName(kChunkCustomDataVar, name).c_str()); });
 }
 
 kv_result CKvQV8OutputFile_V02::writeVariantChunk(const CKvVariant& tree, const wchar_t*, const char* chunkName) {

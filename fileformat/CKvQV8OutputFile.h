@@ -8,9 +8,11 @@
 #include <memory>
 
 #include "fileformat/CKvFileChunker.h"
-#include "fileformat/CKvQV8InputFile.h"
 #include "fileformat/IKvImageFile.h"
 #include "fileformat/KvFrameCodec.h"
+#include "fileformat/QV8Layout.h"
+
+class CKvQV8InputFile_V02;
 
 // Highest frame index the acquisition-time cache takes.
 constexpr uint32_t kMaxAcqTimeIndex = 10000000;
@@ -87,9 +89,6 @@ protected:
     kv_result writeXmlChunk(const CKvVariant& tree, const char* name);
     // Finishes `writer` and writes its bytes.
     kv_result writeLiteChunk(CKvLiteVariantW& writer, const char* name);
-    // Chunk name from a pattern holding one %ls (the UTF-8 form of `name`)
-    // and optionally one %u (`index`).
-    static CKvStringA customChunkName(const char* pattern, const wchar_t* name, uint32_t index = 0);
     double acqTime(uint32_t index) const;
     uint8_t acqTimeState(uint32_t index) const;
 

@@ -3,12 +3,13 @@
 #include <expat.h>
 
 #include <charconv>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <type_traits>
 #include <vector>
+
+#include "gnr_system/KvTrace.h"
 
 static_assert(std::is_same<XML_Char, char>::value, "the element handlers expect UTF-8 from expat");
 
@@ -381,8 +382,10 @@ kv_result RunParser(CKvVariant& tree, const char* encoding, bool report, Parse&&
         if (state.error != KV_OK) return KV_ERR_FAILED;
         if (parsed) return KV_OK;
         if (report) {
-            std::printf("Error: CKvSerializerXMLString::VariantFromXML(); %s at line %d\n",
-                        XML_ErrorString(XML_GetErrorCode(parser)), static_cast<int>(XML_GetCurrentLineNumber(parser)));
+            CKvStringA message;
+            message.Format("Error: CKvSerializerXMLString::VariantFromXML(); %s at line %d",
+                           XML_ErrorString(XML_GetErrorCode(parser)), static_cast<int>(XML_GetCurrentLineNumber(parser)));
+            KvPrintDiagnostic(message);
         }
         return KV_ERR_FAILED;
     });

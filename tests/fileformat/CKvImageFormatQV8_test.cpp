@@ -63,7 +63,9 @@ TEST(ImageFormatQV8, VersionTextChoosesTheReader) {
         }
         ASSERT_NE(nullptr, input.file);
         EXPECT_EQ(c.reader == 3, dynamic_cast<CKvQV8InputFile_V03*>(input.file) != nullptr);
-        EXPECT_NE(nullptr, dynamic_cast<CKvQV8InputFile_V02*>(input.file));
+        const auto* reader = dynamic_cast<CKvQV8InputFile_V02*>(input.file);
+        ASSERT_NE(nullptr, reader);
+        EXPECT_STREQ(c.version, reader->GetVersionText().GetString()) << "the reader tells the version it was opened for";
         EXPECT_EQ(CKvImageFormatQV8::Shared(), input.file->GetImageFormat());
     }
 

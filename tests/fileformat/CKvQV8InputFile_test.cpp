@@ -358,6 +358,29 @@ TEST(QV8InputMetadata, Version3FallsBackToXmlChunks) {
     EXPECT_EQ(KV_ERR_NOT_FOUND, f->GetImageMetadata(experiment, nullptr));
 }
 
+// The frames found in the map, by index (not by name, which puts 10 before
+// 2), with what their pixels take as stored; names that are no frame's and
+// chunks too short for the time prefix are left out.
+TEST(QV8InputFrames, StoredFramesComeFromTheMap) {
+    CFileBuilder b;
+    b.Attributes(Shape(10, 10, 1, 8, kCompressionZlib, 1000));
+    const Bytes packed = Deflate(Pattern(100));
+    for (uint32_t index : {10u, 2u, 0u}) b.Frame(index, packed);
+    b.Chunk("ImageDataSeq|7!", "1234", 4);    // shorter than the prefix
+    b.Chunk("ImageDataSeq|03!", "12345678", 8);  // not as "%u" writes 3
+    b.Chunk("ImageDataSeq|x!", "12345678", 8);
+    b.Chunk("ImageDataSeqLV|4!", "12345678", 8);
+    COpened<CKvQV8InputFile_V03> f(b.Open<CKvQV8InputFile_V03>());
+    std::vector<SKvStoredFrame> frames = {{99, 99}};
+    ASSERT_EQ(KV_OK, f->GetStoredFrames(frames));
+    ASSERT_EQ(3u, frames.size());
+    for (size_t i = 0; i < frames.size(); ++i) {
+        EXPECT_EQ((std::vector<uint32_t>{0, 2, 10})[i], frames[i].uiIndex);
+        EXPECT_EQ(packed.size(), frames[i].nStoredBytes);
+    }
+    EXPECT_STREQ("", f->GetVersionText().GetString()) << "not given by this opener";
+}
+
 TEST(QV8InputCustomData, RawVariantAndBinaryForms) {
     CFileBuilder b;
     b.Chunk("CustomData|Gr\xC3\xB6\xC3\x9F" "e!", "abc", 3);

@@ -13,6 +13,8 @@
 #include <vector>
 
 #include "fileformat/CKvImageFormatQV8.h"
+#include "fileformat/QV8Layout.h"
+#include "gnr_system/CKvSerializerXMLString.h"
 #include "tests/TestSupport.h"
 #include "tests/tools/TestJson.h"
 #include "tests/tools/ToolRunner.h"
@@ -370,6 +372,32 @@ TEST_F(Qv8SampleTest, InfoOfABareFileShowsNulls) {
     const SNetpbm pam = ParseNetpbm(ReadWholeFile(m_tmp.File("g.pam")));
     EXPECT_EQ(pam.tupleType, "GRAYSCALE");
     EXPECT_EQ(pam.raster, std::string(15, '\x07'));
+}
+
+// A damaged record makes the library print a diagnostic while the command
+// goes on: the line goes to standard error, and standard output stays one
+// JSON document.
+TEST_F(Qv8SampleTest, DiagnosticsOfADamagedFileStayOutOfTheJson) {
+    const std::string path = m_tmp.File("damaged.qv8");
+    const SSample small = {"damaged.qv8", 8, 4, 16, 0};
+    ASSERT_EQ(Run(small.CreateArgs(path)).status, 0);
+    {
+        // The events chunk once more, now holding a number where the record belongs.
+        CKvFileChunker chunker;
+        CKvStringA version;
+        ASSERT_EQ(KV_OK, chunker.Initialize_File(CKvStringUtils::UTF8toW(path.c_str()).c_str(), false, true, version));
+        CKvStringA xml;
+        ASSERT_EQ(KV_OK, CKvSerializerXMLString::DocumentToXML_UTF8(xml, CKvVariant(5, L"SKvExperimentRecord")));
+        ASSERT_EQ(KV_OK, chunker.SetChunk(xml.GetString(), static_cast<uint32_t>(xml.Size()), kChunkEvents));
+        ASSERT_EQ(KV_OK, chunker.Finalize());
+    }
+    const ToolRun run = Run({"info", "--json", path});
+    ASSERT_EQ(run.status, 0) << run.err;
+    const STestJson j = STestJson::Parse(run.out);
+    EXPECT_TRUE(j["events"].IsNull());
+    EXPECT_EQ(j["frameCount"].Number(), kFrames);
+    EXPECT_EQ(j["experiment"]["loops"].Size(), 3u) << "the rest of the file is still read";
+    EXPECT_NE(run.err.find("Wrong variant runtype('kv_int32')"), std::string::npos) << run.err;
 }
 
 TEST_F(Qv8SampleTest, ErrorsExplainThemselves) {

@@ -19,12 +19,6 @@
 
 namespace {
 
-// Custom data where writers leave the acquisition times and the name and
-// version of the application.
-const wchar_t kAcqTimesName[] = L"AcqTimesCache";
-const wchar_t kAppInfoName[] = L"AppInfo_V1_0";
-const wchar_t kAppVersionKey[] = L"m_VersionString";
-
 // Summary of the acquisition times of the frames that have one (a writer
 // stores a negative time for a frame without).
 struct STimeSummary {
@@ -56,20 +50,14 @@ struct SFileFacts {
 
 // ---- reading ----
 
-// Frame chunks are named by their frame index.
-const char kFrameChunkPrefix[] = "ImageDataSeq|";
-
-// The stored size of every frame chunk, from its header. The map is walked
-// rather than the announced frame count, which a damaged file may inflate.
-void MeasureFrames(CKvFileChunker& chunker, SFileFacts& facts) {
-    for (const auto& entry : chunker.GetChunkMap()) {
-        const std::string name(entry.first);
-        if (name.compare(0, sizeof kFrameChunkPrefix - 1, kFrameChunkPrefix) != 0) continue;
-        SKvChunkHeader header;
-        if (chunker.GetChunkHeader(header, name.c_str()) != KV_OK || header.dataLength < kFramePrefixSize) continue;
+// The stored size of every frame chunk.
+void MeasureFrames(CKvQV8InputFile_V02& in, SFileFacts& facts) {
+    std::vector<SKvStoredFrame> frames;
+    if (in.GetStoredFrames(frames) != KV_OK) return;
+    for (const SKvStoredFrame& frame : frames) {
         ++facts.framesFound;
         facts.frameBytes += facts.attributes.FrameSize();
-        facts.storedBytes += header.dataLength - kFramePrefixSize;
+        facts.storedBytes += frame.nStoredBytes;
     }
 }
 
@@ -102,7 +90,7 @@ std::unique_ptr<T> ReadOptional(Read&& read) {
 std::string ReadAppVersion(IKvInputImageFile& in) {
     CKvVariant tree;
     if (in.GetCustomDataVar(kAppInfoName, tree) != KV_OK) return "";
-    const CKvVariant* version = tree.SearchFixedOneLevel(kAppVersionKey);
+    const CKvVariant* version = tree.SearchFixedOneLevel(kAppInfoVersionKey);
     return version ? Utf8(version->GetCKvStringW()) : "";
 }
 
@@ -116,20 +104,17 @@ void ReadMetadata(IKvInputImageFile& in, SFileFacts& f) {
     if (in.GetCustomData(kAcqTimesName, times) == KV_OK) f.times = SummariseTimes(times);
 }
 
-// Fills `facts`; kExitOk, or the failure reported.
+// Fills `facts` from one opening of the file; kExitOk, or the failure reported.
 int ReadFacts(const std::string& file, SFileFacts& facts) {
     facts.file = file;
-    CKvFileChunker chunker;
-    CKvStringA version;
-    const kv_result r = OpenForReading(chunker, file, &version);
-    if (r != KV_OK) return ReportOpenFailure(file, r, chunker);
-    facts.version = version.GetString();
-    struct stat info;
-    if (stat(file.c_str(), &info) == 0) facts.fileSize = static_cast<uint64_t>(info.st_size);
     CQv8ImageFile image;
     if (OpenImageFile(file, image, facts.attributes) != kExitOk) return kExitFailure;
-    MeasureFrames(chunker, facts);
-    chunker.Finalize();
+    CKvQV8InputFile_V02* qv8 = image.QV8();
+    if (!qv8) return ReportFailure(file, "not a QV8 image file", KV_ERR_NOT_SUPPORTED);
+    facts.version = qv8->GetVersionText().GetString();
+    struct stat info;
+    if (stat(file.c_str(), &info) == 0) facts.fileSize = static_cast<uint64_t>(info.st_size);
+    MeasureFrames(*qv8, facts);
     ReadMetadata(*image, facts);
     return kExitOk;
 }
@@ -237,13 +222,6 @@ std::string DurationText(double ms) {
     return Number(minutes, "%.0f min ") + Number((tenths - minutes * 600.0) / 10.0, "%.1f s");
 }
 
-// The zlib level frames were written at: the writer takes the parameter
-// into 1..9, and anything below 1 as its default, 6.
-int ZlibLevel(double parameter) {
-    if (!(parameter >= 1.0)) return 6;
-    return parameter > 9.0 ? 9 : static_cast<int>(parameter);
-}
-
 // ---- text ----
 
 constexpr size_t kLabelWidth = 13;
@@ -260,7 +238,7 @@ std::string ShapeText(const SFileFacts& f) {
                        " component(s) of " + std::to_string(a.uiBpcInMemory) + " bits";
     if (SignificantBits(a) != a.uiBpcInMemory) text += " (" + std::to_string(SignificantBits(a)) + " significant)";
     text += "\n" + Label("compression") + std::string(CompressionName(a.eCompression));
-    if (a.eCompression == kCompressionZlib) text += " level " + std::to_string(ZlibLevel(a.dCompressionParam));
+    if (a.eCompression == kCompressionZlib) text += " level " + std::to_string(KvQV8ZlibLevel(a.dCompressionParam));
     if (f.storedBytes)
         text += ", ratio " + Number(CompressionRatio(f), "%.2f") + " (" + std::to_string(f.frameBytes) +
                 " bytes of pixels stored in " + std::to_string(f.storedBytes) + ")";
@@ -344,7 +322,7 @@ void SummaryJson(CQv8JsonWriter& j, const SFileFacts& f) {
     j.Field("frameCount", a.uiSequenceCount).Field("width", a.uiWidth).Field("height", a.uiHeight);
     j.Field("components", a.uiComp).Field("bits", a.uiBpcInMemory).Field("significantBits", SignificantBits(a));
     j.Field("compression", CompressionName(a.eCompression));
-    if (a.eCompression == kCompressionZlib) j.Field("compressionLevel", ZlibLevel(a.dCompressionParam));
+    if (a.eCompression == kCompressionZlib) j.Field("compressionLevel", KvQV8ZlibLevel(a.dCompressionParam));
     else j.NullField("compressionLevel");
     j.Field("framesStored", f.framesFound).Field("frameBytes", f.frameBytes).Field("storedFrameBytes", f.storedBytes);
     j.Field("compressionRatio", CompressionRatio(f)).Field("loops", LoopsText(f.experiment.get()));

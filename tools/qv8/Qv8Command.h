@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "fileformat/CKvFileChunker.h"
@@ -25,7 +26,8 @@ struct SQv8Command {
     int (*run)(const Qv8Args& args);
 };
 
-// The commands of each unit, listed by the dispatcher in this order.
+// The commands, one file each named after the command, listed by the
+// dispatcher in this order.
 extern const SQv8Command kChunksCommand;
 extern const SQv8Command kCatCommand;
 extern const SQv8Command kRepairCommand;
@@ -49,6 +51,13 @@ int ReportOpenFailure(const std::string& file, kv_result code, const CKvFileChun
 bool WriteStdout(const void* data, size_t size);
 // Writes text to standard output; on failure reports it and answers kExitFailure.
 int PrintOrFail(const std::string& text);
+
+// A chunk name fit for one line of output. Names are plain ASCII in files
+// we write, but a damaged map may hold any byte before a "!": control bytes
+// and backslashes are written as \xHH.
+std::string EscapeChunkName(std::string_view name);
+// A chunk name given on the command line, whose final "!" may be left out.
+std::string ChunkNameArg(const std::string& name);
 
 // UTF-8 form of a metadata text.
 std::string Utf8(const CKvStringW& text);

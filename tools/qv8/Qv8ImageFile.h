@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "fileformat/CKvQV8InputFile.h"
 #include "fileformat/IKvImageFile.h"
 #include "gnr_system/KvResult.h"
 
@@ -20,6 +21,9 @@ public:
     // no registered format claims is opened as QV8, the format of this tool.
     kv_result Open(const std::string& file);
     IKvInputImageFile* operator->() const { return m_pFile; }
+    // The QV8 reader behind the file, which also answers the signature's
+    // version and the stored frames; null for a file of another format.
+    CKvQV8InputFile_V02* QV8() const { return dynamic_cast<CKvQV8InputFile_V02*>(m_pFile); }
     IKvInputImageFile& operator*() const { return *m_pFile; }
 
 private:

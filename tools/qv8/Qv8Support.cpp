@@ -55,6 +55,25 @@ int PrintOrFail(const std::string& text) {
     return kExitOk;
 }
 
+std::string EscapeChunkName(std::string_view name) {
+    std::string out;
+    out.reserve(name.size());
+    for (unsigned char c : name) {
+        if (c < 0x20 || c == 0x7F || c == '\\') {
+            char escaped[5];
+            std::snprintf(escaped, sizeof escaped, "\\x%02X", c);
+            out += escaped;
+        } else {
+            out += static_cast<char>(c);
+        }
+    }
+    return out;
+}
+
+std::string ChunkNameArg(const std::string& name) {
+    return !name.empty() && name.back() == '!' ? name : name + '!';
+}
+
 std::string Utf8(const CKvStringW& text) { return CKvStringUtils::WtoUTF8(text.GetString(), text.Size()).Std(); }
 
 bool SplitArgs(const Qv8Args& args, const char* flag, bool& flagSet, std::vector<std::string>& positional) {

@@ -5,6 +5,7 @@
 #include <new>
 #include <string_view>
 
+#include "gnr_system/KvTrace.h"
 #include "tools/qv8/Qv8Command.h"
 
 namespace {
@@ -33,6 +34,10 @@ void PrintToolUsage(FILE* out) {
     std::fputs("\n'qv8 COMMAND --help' describes a command.\n", out);
 }
 
+// The library's diagnostics go to standard error, so that what a command
+// writes to standard output (JSON, chunk data, pictures) stays clean.
+void DiagnosticToStderr(const char* text, size_t size, void*) { std::fwrite(text, 1, size, stderr); }
+
 bool IsHelp(std::string_view arg) { return arg == "--help" || arg == "-h"; }
 
 int RunCommand(const SQv8Command& command, const Qv8Args& args) {
@@ -55,6 +60,7 @@ int RunCommand(const SQv8Command& command, const Qv8Args& args) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    KvSetDiagnosticSink(DiagnosticToStderr, nullptr);
     if (argc < 2) {
         PrintToolUsage(stderr);
         return kExitUsage;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "fileformat/CKvImageFormatQV8.h"
+#include "fileformat/QV8Layout.h"
 #include "tools/common/SyntheticFrames.h"
 #include "tools/qv8/Qv8Command.h"
 
@@ -229,8 +230,8 @@ SKvExperimentRecord SampleEvents() {
 
 // The application that wrote the file, where readers look for it.
 CKvVariant ApplicationInfo() {
-    CKvVariant tree(CKvListVariant(), CKvStringW(L"AppInfo_V1_0"));
-    tree.Append(CKvVariant(kApplicationVersion, CKvStringW(L"m_VersionString")));
+    CKvVariant tree{CKvListVariant(), CKvStringW(kAppInfoName)};
+    tree.Append(CKvVariant(kApplicationVersion, CKvStringW(kAppInfoVersionKey)));
     return tree;
 }
 
@@ -259,7 +260,7 @@ kv_result WriteMetadata(IKvOutputImageFile& out, const SSampleOptions& options) 
         if (r == KV_OK) r = out.SetImageTextInfo(SampleTextInfo());
         if (r == KV_OK) r = out.SetImageEvents(SampleEvents(), nullptr);
         const CKvVariant appInfo = ApplicationInfo();
-        if (r == KV_OK) r = out.SetCustomDataVar(L"AppInfo_V1_0", &appInfo);
+        if (r == KV_OK) r = out.SetCustomDataVar(kAppInfoName, &appInfo);
         return r;
     });
 }

@@ -1,4 +1,4 @@
-// Commands that show the metadata held in chunks: a lite-variant chunk
+// The command that shows the metadata held in a chunk, a lite-variant chunk
 // (plain or compressed) or an XML chunk, as one UTF-8 XML document.
 #include <string>
 #include <string_view>
@@ -54,7 +54,7 @@ int RunXml(const Qv8Args& args) {
     if (!SplitArgs(args, "--indent", indent, positional)) return kExitUsage;
     if (positional.size() != 2) return kExitUsage;
     const std::string& file = positional[0];
-    const std::string name = !positional[1].empty() && positional[1].back() == '!' ? positional[1] : positional[1] + '!';
+    const std::string name = ChunkNameArg(positional[1]);
 
     CKvFileChunker chunker;
     kv_result r = OpenForReading(chunker, file);

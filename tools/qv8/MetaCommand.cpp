@@ -2,18 +2,15 @@
 // (calibration, objective, stage position, planes with their light paths).
 #include <cinttypes>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "fileformat/QV8Layout.h"
 #include "gnr_metaformats/PictureMetadata.h"
 #include "tools/qv8/Qv8Command.h"
 #include "tools/qv8/Qv8Json.h"
 
 namespace {
-
-// Picture-metadata chunks are named by the first frame they describe.
-const char kMetadataChunkPrefix[] = "ImageMetadataSeqLV|";
 
 std::string Number(double value) {
     char text[64];
@@ -105,20 +102,18 @@ std::string MetadataJson(const std::string& chunk, const SKvPictureMetadata& m) 
     return out + "]}\n";
 }
 
-// The chunk named on the command line, or the file's first picture-metadata chunk.
+// The chunk named on the command line, or the file's first picture-metadata
+// chunk by frame index.
 std::string ChooseChunk(const CKvFileChunker& chunker, const std::string& given) {
-    if (!given.empty()) return given.back() == '!' ? given : given + '!';
+    if (!given.empty()) return ChunkNameArg(given);
     std::string best;
-    long bestIndex = -1;
-    for (const auto& entry : chunker.GetChunkMap()) {
-        const std::string name(entry.first);
-        if (name.compare(0, sizeof kMetadataChunkPrefix - 1, kMetadataChunkPrefix) != 0) continue;
-        const long index = std::strtol(name.c_str() + sizeof kMetadataChunkPrefix - 1, nullptr, 10);
-        if (bestIndex < 0 || index < bestIndex) {
+    uint32_t bestIndex = 0;
+    KvQV8ForEachIndexedChunk(chunker.GetChunkMap(), kPictureMetaLVPrefix, [&](std::string_view name, uint32_t index) {
+        if (best.empty() || index < bestIndex) {
             best = name;
             bestIndex = index;
         }
-    }
+    });
     return best;
 }
 
