@@ -59,7 +59,7 @@ public:
     using ChunkMap = CKvChunkMap;
 
     CKvFileChunker();
-    // Copies the storage (sharing its stream or array), the map and the flags.
+    // Copies the storage (sharing its file or array), the map and the flags.
     CKvFileChunker(const CKvFileChunker& other);
     CKvFileChunker& operator=(const CKvFileChunker& other);
     // Does not write the map: a writer must call Finalize first.
