@@ -89,10 +89,8 @@ CKvFileChunker& CKvFileChunker::operator=(const CKvFileChunker& other) {
     m_nPendingBytes = 0;
     std::memset(m_aPage.GetData(), 0, kPageSize);
     m_strStreamedChunk.Empty();
-    m_pMemory = other.m_pMemory;
     m_nReadOnlySize = other.m_nReadOnlySize;
     m_nAppendPosition = other.m_nAppendPosition;
-    m_bAtAppendPosition = false;  // the shared stream's position belongs to whoever used it last
     return *this;
 }
 
@@ -106,7 +104,6 @@ void CKvFileChunker::ResetState() {
     m_strStreamedChunk.Empty();
     m_nReadOnlySize = 0;
     m_nAppendPosition = 0;
-    m_bAtAppendPosition = false;
 }
 
 // ---- opening ----
@@ -115,7 +112,6 @@ kv_result CKvFileChunker::Initialize_File(const wchar_t* fileName, bool readOnly
                                           CKvStringA& version) {
     return KvNoThrow([&]() -> kv_result {
         ResetState();
-        m_pMemory = nullptr;
         if (!fileName) return KV_ERR_INVALID_ARG;
         if (m_storage.Initialize(fileName, readOnly, openExisting) != KV_OK) return KV_ERR_FAILED;
         return FinishOpening(OpenCommon(readOnly, openExisting, version));
@@ -126,8 +122,16 @@ kv_result CKvFileChunker::Initialize_Memory(CKvByteArray& buffer, bool readOnly,
                                             CKvStringA& version) {
     return KvNoThrow([&]() -> kv_result {
         ResetState();
-        m_pMemory = &buffer;
         m_storage.Initialize(buffer, readOnly, openExisting);
+        return FinishOpening(OpenCommon(readOnly, openExisting, version));
+    });
+}
+
+kv_result CKvFileChunker::Initialize_Storage(std::shared_ptr<IKvStorage> storage, bool readOnly, bool openExisting,
+                                             CKvStringA& version) {
+    return KvNoThrow([&]() -> kv_result {
+        ResetState();
+        if (m_storage.Initialize(std::move(storage), readOnly) != KV_OK) return KV_ERR_INVALID_ARG;
         return FinishOpening(OpenCommon(readOnly, openExisting, version));
     });
 }
@@ -158,7 +162,7 @@ kv_result CKvFileChunker::OpenCommon(bool readOnly, bool openExisting, CKvString
     // A new container: whatever the storage held before is replaced.
     m_mapChunks.Clear();
     kv_result r = WriteSignature(version);
-    if (r == KV_OK) r = m_storage.SetEOF();
+    if (r == KV_OK) r = m_storage.Truncate(m_nAppendPosition);
     return r;
 }
 
@@ -182,13 +186,12 @@ kv_result CKvFileChunker::OpenForAppending(CKvStringA& version) {
     }
     // New chunks go after the old map chunk, which becomes dead space.
     m_nAppendPosition = RoundUpToPage(size);
-    m_bAtAppendPosition = false;
     return KV_OK;
 }
 
 kv_result CKvFileChunker::CheckSignature(CKvStringA& version) {
     uint8_t block[kSignatureBlockSize];
-    if (SeekTo(0) != KV_OK || ReadExact(block, sizeof block) != KV_OK) return KV_ERR_FAILED;
+    if (ReadExact(0, block, sizeof block) != KV_OK) return KV_ERR_FAILED;
     const SKvChunkHeader h = DecodeHeader(block);
     if (h.magic != kChunkMagic || h.nameLength != kSignatureChunkName.size() || h.dataLength != kSignatureDataSize ||
         std::memcmp(block + kChunkHeaderSize, kSignatureChunkName.data(), kSignatureChunkName.size()) != 0)
@@ -204,9 +207,8 @@ kv_result CKvFileChunker::WriteSignature(const CKvStringA& version) {
     std::memcpy(page + kChunkHeaderSize, kSignatureChunkName.data(), kSignatureChunkName.size());
     const size_t n = version.Size() < kMaxVersionLength ? version.Size() : kMaxVersionLength;
     std::memcpy(page + kChunkHeaderSize + kSignatureChunkName.size(), version.c_str(), n);
-    if (SeekTo(0) != KV_OK || WriteExact(page, sizeof page) != KV_OK) return KV_ERR_FAILED;
+    if (WriteExact(0, page, sizeof page) != KV_OK) return KV_ERR_FAILED;
     m_nAppendPosition = kPageSize;
-    m_bAtAppendPosition = true;
     return KV_OK;
 }
 
@@ -216,8 +218,7 @@ kv_result CKvFileChunker::ReadChunkMap() {
     uint64_t size = 0;
     if (StorageSize(size) != KV_OK || size < kChunkMapTrailerSize) return KV_ERR_FAILED;
     uint8_t trailer[kChunkMapTrailerSize];
-    if (SeekTo(size - kChunkMapTrailerSize) != KV_OK || ReadExact(trailer, sizeof trailer) != KV_OK)
-        return KV_ERR_FAILED;
+    if (ReadExact(size - kChunkMapTrailerSize, trailer, sizeof trailer) != KV_OK) return KV_ERR_FAILED;
     if (std::memcmp(trailer, kChunkMapSignature.data(), kChunkMapSignature.size()) != 0) return KV_ERR_FAILED;
     uint64_t position = kvbytes::LoadU64(trailer + kChunkMapSignature.size());
 
@@ -229,7 +230,8 @@ kv_result CKvFileChunker::ReadChunkMap() {
     if (r != KV_OK) return r;
     if (header.dataLength > UINT32_MAX) return KV_ERR_FAILED;
     std::vector<uint8_t> data(static_cast<size_t>(header.dataLength));
-    if (ReadExact(data.data(), data.size()) != KV_OK) return KV_ERR_FAILED;
+    if (ReadExact(position + kChunkHeaderSize + header.nameLength, data.data(), data.size()) != KV_OK)
+        return KV_ERR_FAILED;
     return m_mapChunks.Load(std::move(data), kMapEntriesEnd, kMaxChunkNameLength);
 }
 
@@ -257,10 +259,8 @@ kv_result CKvFileChunker::WriteChunkMap() {
         std::memcpy(block, kChunkMapSignature.data(), kChunkMapSignature.size());
         kvbytes::StoreU64(block + kChunkMapSignature.size(), position);
     }
-    kv_result r = WriteChunk(buffer.data(), dataSize, nullptr, 0, kChunkMapChunkName);
-    if (r == KV_OK) r = SeekTo(m_nAppendPosition);
-    if (r != KV_OK) return r;
-    return m_storage.SetEOF();
+    const kv_result r = WriteChunk(buffer.data(), dataSize, nullptr, 0, kChunkMapChunkName);
+    return r != KV_OK ? r : m_storage.Truncate(m_nAppendPosition);
 }
 
 // ---- low-level access ----
@@ -273,46 +273,36 @@ kv_result CKvFileChunker::StorageSize(uint64_t& size) {
     return m_storage.GetSize(&size);
 }
 
-kv_result CKvFileChunker::SeekTo(uint64_t position) {
-    if (position > static_cast<uint64_t>(INT64_MAX)) return KV_ERR_FAILED;
-    m_bAtAppendPosition = false;
-    return m_storage.SeekFile(static_cast<int64_t>(position), 0) == KV_OK ? KV_OK : KV_ERR_FAILED;
-}
-
-kv_result CKvFileChunker::SeekToAppendPosition() {
-    if (m_bAtAppendPosition) return KV_OK;
-    kv_result r = SeekTo(m_nAppendPosition);
-    m_bAtAppendPosition = (r == KV_OK);
-    return r;
-}
-
-kv_result CKvFileChunker::ReadExact(void* buffer, uint64_t size) {
+kv_result CKvFileChunker::ReadExact(uint64_t position, void* buffer, uint64_t size) {
     if (size == 0) return KV_OK;
-    m_bAtAppendPosition = false;
     uint64_t got = 0;
-    if (m_storage.ReadFile(buffer, size, &got) != KV_OK || got != size) return KV_ERR_FAILED;
+    if (m_storage.ReadAt(position, buffer, size, &got) != KV_OK || got != size) return KV_ERR_FAILED;
     return KV_OK;
 }
 
-kv_result CKvFileChunker::WriteExact(const void* buffer, uint64_t size) {
+kv_result CKvFileChunker::WriteExact(uint64_t position, const void* buffer, uint64_t size) {
     if (size == 0) return KV_OK;
-    uint64_t written = 0;
-    if (m_storage.WriteFile(buffer, size, &written) != KV_OK || written != size) return KV_ERR_FAILED;
-    return KV_OK;
+    const SKvIoPart part{buffer, size};
+    return m_storage.WriteAt(position, &part, 1) == KV_OK ? KV_OK : KV_ERR_FAILED;
 }
 
 // Reads the header at `position`; when its magic is wrong, the next magic
 // after it is taken as the chunk start and `position` moves there.
 kv_result CKvFileChunker::ReadHeader(SKvChunkHeader& header, uint64_t& position) {
     uint8_t raw[kChunkHeaderSize];
-    uint64_t got = 0;
-    if (m_storage.ReadAt(position, raw, sizeof raw, &got) != KV_OK || got != sizeof raw) return KV_ERR_FAILED;
+    if (ReadExact(position, raw, sizeof raw) != KV_OK) return KV_ERR_FAILED;
     header = DecodeHeader(raw);
     if (header.magic == kChunkMagic) return KV_OK;
+    return ResynchroniseHeader(header, position);
+}
 
+// The header of the chunk that starts at the next magic after `position`,
+// which moves there.
+kv_result CKvFileChunker::ResynchroniseHeader(SKvChunkHeader& header, uint64_t& position) {
     uint64_t found = 0;
     if (Resynchronise(position, found) != KV_OK) return KV_ERR_FAILED;
-    if (SeekTo(found) != KV_OK || ReadExact(raw, sizeof raw) != KV_OK) return KV_ERR_FAILED;
+    uint8_t raw[kChunkHeaderSize];
+    if (ReadExact(found, raw, sizeof raw) != KV_OK) return KV_ERR_FAILED;
     header = DecodeHeader(raw);
     if (header.magic != kChunkMagic) return KV_ERR_FAILED;
     position = found;
@@ -329,11 +319,11 @@ kv_result CKvFileChunker::Resynchronise(uint64_t from, uint64_t& found) {
     constexpr size_t kOverlap = sizeof magic - 1;
     size_t carried = 0;
     uint64_t bufferStart = from;
-    if (SeekTo(from) != KV_OK) return KV_ERR_FAILED;
+    uint64_t next = from;
     for (;;) {
         uint64_t got = 0;
-        m_storage.ReadFile(buffer + carried, kPageSize, &got);
-        if (got == 0) return KV_ERR_FAILED;
+        if (m_storage.ReadAt(next, buffer + carried, kPageSize, &got) != KV_OK || got == 0) return KV_ERR_FAILED;
+        next += got;
         const size_t total = carried + static_cast<size_t>(got);
         const void* hit = memmem(buffer, total, magic, sizeof magic);
         if (hit) {
@@ -360,10 +350,8 @@ kv_result CKvFileChunker::ReadChunkAt(uint64_t& position, SKvChunkHeader& header
     available -= header.nameLength;
     if (header.dataLength > available) return KV_ERR_FAILED;
 
-    // The header was read without moving the stream; name and data follow it.
-    if (SeekTo(position + kChunkHeaderSize) != KV_OK) return KV_ERR_FAILED;
     m_strNameField.resize(header.nameLength);
-    if (ReadExact(&m_strNameField[0], header.nameLength) != KV_OK) return KV_ERR_FAILED;
+    if (ReadExact(position + kChunkHeaderSize, &m_strNameField[0], header.nameLength) != KV_OK) return KV_ERR_FAILED;
     name = CKvStringA(m_strNameField.c_str(), strnlen(m_strNameField.c_str(), m_strNameField.size()));
 
     if (!data) return KV_OK;
@@ -371,7 +359,7 @@ kv_result CKvFileChunker::ReadChunkAt(uint64_t& position, SKvChunkHeader& header
     if (header.dataLength > UINT32_MAX) return KV_ERR_FAILED;
     const uint64_t previousSize = data->GetSize();
     if (data->SetSize(header.dataLength) != KV_OK) return KV_ERR_OUT_OF_MEMORY;
-    if (ReadExact(data->GetData(), header.dataLength) != KV_OK) {
+    if (ReadExact(position + kChunkHeaderSize + header.nameLength, data->GetData(), header.dataLength) != KV_OK) {
         data->SetSize(previousSize);
         return KV_ERR_FAILED;
     }
@@ -404,9 +392,17 @@ kv_result CKvFileChunker::LocatePart(SKvChunkHeader& header, uint64_t offset, ui
     kv_result r = FindChunk(name, member);
     if (r != KV_OK) return r;
     uint64_t position = member.position;
+    return LocateInChunk(header, position, offset, size, at);
+}
+
+// Where `size` bytes at `offset` into the data of the chunk at `position`
+// lie in the storage. The header is read (and `position` moved to the next
+// chunk start when it is not at the position) unless `header` vouches for it.
+kv_result CKvFileChunker::LocateInChunk(SKvChunkHeader& header, uint64_t& position, uint64_t offset, uint64_t size,
+                                        uint64_t& at) {
     if (header.magic == 0) {
         SKvChunkHeader read;
-        r = ReadHeader(read, position);
+        const kv_result r = ReadHeader(read, position);
         if (r != KV_OK) return r;
         header = read;
     }
@@ -421,6 +417,102 @@ kv_result CKvFileChunker::LocatePart(SKvChunkHeader& header, uint64_t offset, ui
     return KV_OK;
 }
 
+// One read of the head of the chunk at `position` (header, name field and the
+// data before `offset`) and of `size` bytes after it into `buffer`, laid out
+// as the writer lays out a chunk whose data at `offset` starts a page: the
+// head then fills whole pages. True when the header read agrees with that
+// layout; `got` has the bytes that reached `buffer`. `header` gets what was
+// read at the position, or a zero magic when that is no chunk header.
+bool CKvFileChunker::ReadHeadAndPart(uint64_t position, size_t nameSize, uint64_t offset, void* buffer,
+                                     uint64_t size, SKvChunkHeader& header, uint64_t& got) {
+    header = SKvChunkHeader{};
+    got = 0;
+    if (offset > kPageSize) return false;
+    const uint64_t head = RoundUpToPage(kChunkHeaderSize + nameSize + offset);
+    uint8_t headPage[kPageSize];
+    if (head > sizeof headPage) return false;
+    const SKvIoSpan spans[] = {{headPage, head}, {buffer, size}};
+    uint64_t read = 0;
+    if (m_storage.ReadAt(position, spans, size ? 2 : 1, &read) != KV_OK || read < kChunkHeaderSize) return false;
+    const SKvChunkHeader found = DecodeHeader(headPage);
+    if (found.magic != kChunkMagic) return false;
+    header = found;
+    got = read > head ? read - head : 0;
+    return kChunkHeaderSize + found.nameLength + offset == head && found.dataLength >= offset;
+}
+
+kv_result CKvFileChunker::ReadAlignedPart(SKvChunkHeader& header, void* buffer, uint64_t offset, uint64_t size,
+                                          const char* name) {
+    if (!buffer && size) return KV_ERR_INVALID_ARG;
+    if (!name) return KV_ERR_INVALID_ARG;
+    return KvNoThrow([&]() -> kv_result {
+        const NormalisedName key(name);
+        SKvChunkMapMember member;
+        if (!m_mapChunks.Find(key.View(), member)) return KV_ERR_NOT_FOUND;
+        uint64_t position = member.position;
+        SKvChunkHeader found;
+        // The map entry vouches for the length of the data, so a chunk too
+        // short for the part is refused before the caller's buffer is touched.
+        if (size > 0 && offset <= member.size && size <= member.size - offset) {
+            uint64_t got = 0;
+            if (ReadHeadAndPart(position, key.View().size(), offset, buffer, size, found, got) &&
+                size <= found.dataLength - offset && got == size) {
+                header = found;
+                return KV_OK;
+            }
+        }
+        // Another layout, or damage: the header found (if any) decides, and a
+        // missing one is looked for after the position.
+        uint64_t at = 0;
+        kv_result r = LocateInChunk(found, position, offset, size, at);
+        if (r == KV_OK) header = found;
+        if (r != KV_OK || size == 0) return r;
+        return ReadExact(at, buffer, size);
+    });
+}
+
+kv_result CKvFileChunker::ReadAlignedRest(SKvChunkHeader& header, std::vector<uint8_t>& data, uint64_t offset,
+                                          uint64_t& size, const char* name) {
+    if (!name) return KV_ERR_INVALID_ARG;
+    return KvNoThrow([&]() -> kv_result {
+        const NormalisedName key(name);
+        SKvChunkMapMember member;
+        if (!m_mapChunks.Find(key.View(), member)) return KV_ERR_NOT_FOUND;
+        uint64_t position = member.position;
+        uint64_t storageSize = 0;
+        if (StorageSize(storageSize) != KV_OK) return KV_ERR_FAILED;
+        SKvChunkHeader found;
+        const uint64_t head = RoundUpToPage(kChunkHeaderSize + key.View().size() + offset);
+        if (member.size > offset && position <= storageSize && head <= storageSize - position) {
+            // The map's size is the data length for chunks written here and a
+            // little more in a recovered map; the storage bounds it either way.
+            const uint64_t guess = std::min(member.size - offset, storageSize - position - head);
+            if (guess > SIZE_MAX) return KV_ERR_FAILED;
+            if (data.size() < guess) data.resize(static_cast<size_t>(guess));
+            uint64_t got = 0;
+            if (ReadHeadAndPart(position, key.View().size(), offset, data.data(), guess, found, got) &&
+                found.dataLength - offset <= got) {
+                header = found;
+                size = found.dataLength - offset;
+                return KV_OK;
+            }
+        }
+        uint64_t at = 0;
+        kv_result r = LocateInChunk(found, position, offset, 0, at);
+        if (r != KV_OK) return r;
+        const uint64_t length = found.dataLength - offset;
+        r = LocateInChunk(found, position, offset, length, at);
+        if (r != KV_OK) return r;
+        if (length > SIZE_MAX) return KV_ERR_FAILED;
+        if (data.size() < length) data.resize(static_cast<size_t>(length));
+        r = ReadExact(at, data.data(), length);
+        if (r != KV_OK) return r;
+        header = found;
+        size = length;
+        return KV_OK;
+    });
+}
+
 kv_result CKvFileChunker::GetChunkPart(SKvChunkHeader& header, CKvByteArray& data, uint64_t offset, uint32_t size,
                                        const char* name) {
     return KvNoThrow([&]() -> kv_result {
@@ -431,8 +523,7 @@ kv_result CKvFileChunker::GetChunkPart(SKvChunkHeader& header, CKvByteArray& dat
         if (size == 0) return data.SetSize(0);
         const uint64_t previousSize = data.GetSize();
         if (data.SetSize(size) != KV_OK) return KV_ERR_OUT_OF_MEMORY;
-        uint64_t got = 0;
-        if (m_storage.ReadAt(at, data.GetData(), size, &got) != KV_OK || got != size) {
+        if (ReadExact(at, data.GetData(), size) != KV_OK) {
             data.SetSize(previousSize);
             return KV_ERR_FAILED;
         }
@@ -447,18 +538,20 @@ kv_result CKvFileChunker::ReadChunkPart(SKvChunkHeader& header, void* buffer, ui
         uint64_t at = 0;
         const kv_result r = LocatePart(header, offset, size, name, at);
         if (r != KV_OK || size == 0) return r;
-        uint64_t got = 0;
-        if (m_storage.ReadAt(at, buffer, size, &got) != KV_OK || got != size) return KV_ERR_FAILED;
-        return KV_OK;
+        return ReadExact(at, buffer, size);
     });
 }
 
 kv_result CKvFileChunker::GetChunkHeader(SKvChunkHeader& header, const char* name) {
     return KvNoThrow([&]() -> kv_result {
+        SKvChunkMapMember member;
+        kv_result r = FindChunk(name, member);
+        if (r != KV_OK) return r;
         SKvChunkHeader read;
+        uint64_t position = member.position;
         uint64_t at = 0;
-        kv_result r = LocatePart(read, 0, 0, name, at);
-        if (r == KV_OK) r = LocatePart(read, 0, read.dataLength, name, at);  // the data is all there
+        r = LocateInChunk(read, position, 0, 0, at);
+        if (r == KV_OK) r = LocateInChunk(read, position, 0, read.dataLength, at);  // the data is all there
         if (r == KV_OK) header = read;
         return r;
     });
@@ -539,20 +632,17 @@ uint64_t CKvFileChunker::AssembleHead(const void* data1, uint64_t size1, bool mo
 // Writes the start of a streamed chunk: header pages and its first part.
 kv_result CKvFileChunker::WriteChunkStart(const void* data1, uint64_t size1, bool moreData, uint64_t dataLength,
                                           std::string_view name, uint64_t& position) {
-    kv_result r = SeekToAppendPosition();
-    if (r != KV_OK) return r;
     position = m_nAppendPosition;
     const uint64_t first = data1 ? size1 : 0;
     uint64_t firstInHead = 0;
     const uint64_t headPages = AssembleHead(data1, first, moreData, dataLength, name, firstInHead);
     if (headPages == 0) return KV_ERR_OUT_OF_MEMORY;
-    r = WriteExact(m_aAssembly.GetData(), headPages);
-    if (r == KV_OK && first > firstInHead)
-        r = WriteExact(static_cast<const uint8_t*>(data1) + firstInHead, first - firstInHead);
-    if (r != KV_OK) {
-        m_bAtAppendPosition = false;
-        return r;
-    }
+    const SKvIoPart parts[] = {
+        {m_aAssembly.GetData(), headPages},
+        {first > firstInHead ? static_cast<const uint8_t*>(data1) + firstInHead : nullptr, first - firstInHead},
+    };
+    const kv_result r = m_storage.WriteAt(position, parts, sizeof parts / sizeof parts[0]);
+    if (r != KV_OK) return r;
     m_nAppendPosition = position + headPages + (first - firstInHead);
     return KV_OK;
 }
@@ -581,7 +671,6 @@ kv_result CKvFileChunker::WriteChunk(const void* data1, uint64_t size1, const vo
         {data2, secondWhole},
         {tail, secondRest ? kPageSize : 0},
     };
-    m_bAtAppendPosition = false;  // the gathered write leaves the stream position undefined
     kv_result r = m_storage.WriteAt(position, parts, sizeof parts / sizeof parts[0]);
     if (r != KV_OK) return r;
     m_nAppendPosition = position + headPages + (first - firstInHead) + RoundUpToPage(second);
@@ -591,12 +680,8 @@ kv_result CKvFileChunker::WriteChunk(const void* data1, uint64_t size1, const vo
 
 kv_result CKvFileChunker::FlushPendingPage() {
     if (m_nPendingBytes == 0) return KV_OK;
-    kv_result r = SeekToAppendPosition();
-    if (r == KV_OK) r = WriteExact(m_aPage.GetData(), kPageSize);
-    if (r != KV_OK) {
-        m_bAtAppendPosition = false;
-        return r;
-    }
+    const kv_result r = WriteExact(m_nAppendPosition, m_aPage.GetData(), kPageSize);
+    if (r != KV_OK) return r;
     m_nAppendPosition += kPageSize;
     std::memset(m_aPage.GetData(), 0, kPageSize);
     m_nPendingBytes = 0;
@@ -639,12 +724,8 @@ kv_result CKvFileChunker::SetChunkPart(const void* data1, uint32_t size1, const 
                     if (r != KV_OK) return r;
                 }
                 const uint64_t whole = (size2 - used) / kPageSize * kPageSize;
-                r = SeekToAppendPosition();
-                if (r == KV_OK) r = WriteExact(in + used, whole);
-                if (r != KV_OK) {
-                    m_bAtAppendPosition = false;
-                    return r;
-                }
+                r = WriteExact(m_nAppendPosition, in + used, whole);
+                if (r != KV_OK) return r;
                 m_nAppendPosition += whole;
                 m_nPendingBytes = static_cast<uint32_t>(size2 - used - whole);
                 std::memcpy(page, in + used + whole, m_nPendingBytes);
@@ -664,15 +745,8 @@ kv_result CKvFileChunker::Reserve(uint64_t size) {
     uint64_t current = 0;
     kv_result r = m_storage.GetSize(&current);
     if (r != KV_OK || current >= size) return r;
-    if (!m_storage.IsFile()) {
-        // Memory grows like a file: the new bytes read as zeros.
-        if (m_pMemory->Reserve(size) != KV_OK) return KV_ERR_OUT_OF_MEMORY;
-        std::memset(m_pMemory->GetData() + current, 0, static_cast<size_t>(size - current));
-        return m_pMemory->SetSize(size);
-    }
-    r = SeekTo(size);
-    if (r == KV_OK) r = m_storage.SetEOF();
-    return r;
+    // The new bytes read as zeros, in a file and in memory alike.
+    return m_storage.Truncate(size);
 }
 
 kv_result CKvFileChunker::SetMapChunk(const CKvFileChunker* other) {
@@ -697,10 +771,11 @@ kv_result CKvFileChunker::Finalize() {
 // ---- recovery ----
 
 kv_result CKvFileChunker::ReopenStorage(bool readOnly) {
-    m_bAtAppendPosition = false;
     if (!m_storage.IsFile()) {
-        if (!m_pMemory) return KV_ERR_FAILED;
-        return m_storage.Initialize(*m_pMemory, readOnly, true);
+        // Memory has nothing to reopen: only the container's view of it changes.
+        const std::shared_ptr<IKvStorage> storage = m_storage.GetStorage();
+        if (!storage) return KV_ERR_FAILED;
+        return m_storage.Initialize(storage, readOnly);
     }
     const CKvStringW name(m_storage.GetFileName());
     m_storage.Finalize();
@@ -776,7 +851,6 @@ kv_result CKvFileChunker::CreateMissingChunkMap(KvChunkCallback onChunk, void* u
         r = ReopenStorage(false);
         if (r != KV_OK) return r;
         m_nAppendPosition = appendPosition;
-        m_bAtAppendPosition = false;
         m_bFinalized = false;
         if (onChunk) {
             r = AddChunksFromCallback(onChunk, userData);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 #include <string_view>
@@ -57,7 +58,7 @@ public:
     using ChunkMap = CKvChunkMap;
 
     CKvFileChunker();
-    // Copies the storage (sharing its stream or array), the map and the flags.
+    // Copies the storage (sharing its file or array), the map and the flags.
     CKvFileChunker(const CKvFileChunker& other);
     CKvFileChunker& operator=(const CKvFileChunker& other);
     // Does not write the map: a writer must call Finalize first.
@@ -74,6 +75,9 @@ public:
     kv_result Initialize_File(const wchar_t* fileName, bool readOnly, bool openExisting, CKvStringA& version);
     // The same over a byte array, which must outlive the chunker.
     kv_result Initialize_Memory(CKvByteArray& buffer, bool readOnly, bool openExisting, CKvStringA& version);
+    // The same over any storage, which is kept as long as the chunker needs it.
+    kv_result Initialize_Storage(std::shared_ptr<IKvStorage> storage, bool readOnly, bool openExisting,
+                                 CKvStringA& version);
 
     // Reads the whole data of a chunk ("!" is appended to `name` if missing).
     // -13 for an unknown name, -9 for a damaged chunk; `data` is left as it
@@ -87,6 +91,20 @@ public:
     // The same into the caller's `buffer` of at least `size` bytes, with no
     // copy in between; the buffer is untouched on failure before the read.
     kv_result ReadChunkPart(SKvChunkHeader& header, void* buffer, uint64_t offset, uint64_t size, const char* name);
+    // For parts that start on a page boundary, as the second part of a
+    // two-part chunk does (a frame's pixels): one look-up in the map, and the
+    // header read in the same storage read as the part, checked against the
+    // layout the writer gives such a chunk. `header` receives it. Any other
+    // layout or a damaged header falls back to reading as ReadChunkPart does,
+    // resynchronising included. A chunk the map says is too short is refused
+    // before `buffer` is touched; one whose header disagrees with its map
+    // entry may have written `buffer` before it is refused.
+    kv_result ReadAlignedPart(SKvChunkHeader& header, void* buffer, uint64_t offset, uint64_t size, const char* name);
+    // The same for all data from `offset` to the end of the chunk: `data`
+    // grows to hold it (it never shrinks) and `size` gets its length. The
+    // length is taken from the map entry before the read.
+    kv_result ReadAlignedRest(SKvChunkHeader& header, std::vector<uint8_t>& data, uint64_t offset, uint64_t& size,
+                              const char* name);
     // The header of a chunk (its data length, say): -13 unknown, -9 damaged,
     // which includes data that would run past the end of the storage.
     kv_result GetChunkHeader(SKvChunkHeader& header, const char* name);
@@ -142,15 +160,17 @@ private:
     kv_result AddChunksFromCallback(KvChunkCallback onChunk, void* userData);
 
     kv_result StorageSize(uint64_t& size);
-    kv_result SeekTo(uint64_t position);
-    kv_result SeekToAppendPosition();
-    kv_result ReadExact(void* buffer, uint64_t size);
-    kv_result WriteExact(const void* buffer, uint64_t size);
+    kv_result ReadExact(uint64_t position, void* buffer, uint64_t size);
+    kv_result WriteExact(uint64_t position, const void* buffer, uint64_t size);
     kv_result ReadHeader(SKvChunkHeader& header, uint64_t& position);
+    kv_result ResynchroniseHeader(SKvChunkHeader& header, uint64_t& position);
     kv_result Resynchronise(uint64_t from, uint64_t& found);
     kv_result ReadChunkAt(uint64_t& position, SKvChunkHeader& header, CKvStringA& name, CKvByteArray* data);
     kv_result FindChunk(const char* name, SKvChunkMapMember& member) const;
     kv_result LocatePart(SKvChunkHeader& header, uint64_t offset, uint64_t size, const char* name, uint64_t& at);
+    kv_result LocateInChunk(SKvChunkHeader& header, uint64_t& position, uint64_t offset, uint64_t size, uint64_t& at);
+    bool ReadHeadAndPart(uint64_t position, size_t nameSize, uint64_t offset, void* buffer, uint64_t size,
+                         SKvChunkHeader& header, uint64_t& got);
     kv_result CheckWritable(const char* name) const;
     kv_result WriteChunk(const void* data1, uint64_t size1, const void* data2, uint64_t size2, std::string_view name);
     kv_result WriteChunkStart(const void* data1, uint64_t size1, bool moreData, uint64_t dataLength,
@@ -169,8 +189,6 @@ private:
     CKvStringA m_strStreamedChunk;     // the chunk SetChunkPart is filling
     CKvByteArray m_aAssembly;          // header, name and first data pages of a chunk being written
     std::string m_strNameField;        // name field of the chunk being read
-    CKvByteArray* m_pMemory = nullptr; // the array of memory storage, for reopening it
     uint64_t m_nReadOnlySize = 0;      // size of read-only file storage, taken when it was opened
     uint64_t m_nAppendPosition = 0;    // where the next chunk is written: the end of the chunks
-    bool m_bAtAppendPosition = false;  // the storage position is m_nAppendPosition
 };

@@ -1,86 +1,92 @@
-// One set of read, write, seek and position operations over two kinds of
-// storage: a file on disk or a CKvByteArray in memory. The chunk container
-// reaches its bytes only through this class.
+// The storage of the chunk container as one object: a file on disk or a
+// CKvByteArray in memory behind a positional IKvStorage, with the stream-like
+// read, write, seek and position operations kept on top of it.
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
 #include <memory>
 
+#include "fileformat/KvStorage.h"
 #include "gnr_system/CKvByteArray.h"
+#include "gnr_system/CKvString.h"
 #include "gnr_system/KvFile.h"
 #include "gnr_system/KvResult.h"
-
-// One piece of a gathered write.
-struct SKvIoPart {
-    const void* data;
-    uint64_t size;
-};
 
 class CKvFileMemoWrapper {
 public:
     static constexpr size_t kMaxFileName = 4096;         // wide characters kept of a file name
     static constexpr uint64_t kWritePiece = 0x2000000;   // 32 MiB: retry unit of a failed large write
-    static constexpr uint64_t kReadPiece = 0xFFFFFFFF;   // largest single fread
 
     CKvFileMemoWrapper();
 
-    // File storage. Read-only opens with fopen "rb"; for writing the file is
+    // File storage. Read-only opens the file for reading; for writing it is
     // opened for update: it must exist with `openExisting`, otherwise it is
     // created when missing (never truncated here). -9 when it cannot be opened.
     kv_result Initialize(const wchar_t* fileName, bool readOnly, bool openExisting);
     // Memory storage over the caller's array, which must outlive the wrapper.
     kv_result Initialize(CKvByteArray& buffer, bool readOnly, bool openExisting);
+    // Any other storage, shared with whoever else holds it; behaves as memory
+    // storage does (short reads are not failures, SetEOF only cuts).
+    kv_result Initialize(std::shared_ptr<IKvStorage> storage, bool readOnly);
 
     const wchar_t* GetFileName() const { return m_szFileName; }
     bool GetReadOnly() const { return m_bReadOnly; }
     bool IsFile() const { return m_nIsFile != 0; }
-    bool IsOpen() const { return IsFile() ? Stream() != nullptr : m_pByteArray != nullptr; }
-    FILE* Stream() const { return m_pFile ? m_pFile->stream : nullptr; }
+    bool IsOpen() const { return m_pStorage && m_pStorage->IsOpen(); }
+    // The storage itself, shared by copies of this wrapper; null before
+    // Initialize and after a memory storage was finalized.
+    const std::shared_ptr<IKvStorage>& GetStorage() const { return m_pStorage; }
+    // The last diagnostic text of opening, closing or a refused write. The
+    // texts are kept for whoever asks; nothing prints them.
+    const CKvStringW& GetLastDiagnostic() const { return m_strDiagnostic; }
 
-    // Reads up to `size` bytes at the position; `*read` gets the count. -4 for
-    // a zero size or null pointers; a file read that comes up short is -9 (a
-    // memory read simply reports fewer bytes).
+    // Reads up to `size` bytes at the position and moves it past them; `*read`
+    // gets the count. -4 for a zero size or null pointers; a file read that
+    // comes up short is -9 (a memory read simply reports fewer bytes).
     kv_result ReadFile(void* buffer, uint64_t size, uint64_t* read, _KvIOASYNCINFO* async = nullptr);
-    // Writes at the position, extending the storage when needed. A zero size
-    // is 0 at once; a null buffer -4; nothing written -9.
+    // Writes at the position, extending the storage when needed, and moves
+    // the position past the bytes. A zero size is 0 at once; a null buffer
+    // -4; nothing written -9; a read-only file -9.
     kv_result WriteFile(const void* buffer, uint64_t size, uint64_t* written, _KvIOASYNCINFO* async = nullptr);
-    // Origin 0 from the start, 1 from the current position, 2 back from the
-    // end (memory: size - offset). Memory refuses positions outside [0, size]
-    // for origins 1 and 2 with -9 and keeps the position.
+    // Origin 0 from the start, 1 from the current position, 2 from the end.
+    // A file takes any position at or after 0 (origin 2 adds `offset` to the
+    // size), else -1004. Memory refuses positions outside [0, size] for
+    // origins 1 and 2 (origin 2 goes back `offset` bytes from the size) and
+    // other origins with -9. A refused seek keeps the position.
     kv_result SeekFile(int64_t offset, uint32_t origin);
-    // Reads up to `size` bytes at `position` without using the stream's
-    // position: one pread for a file (stdio output not yet written is
-    // flushed first, and buffered input dropped). `*read` gets the count,
-    // short only at the end of the storage; -9 for an I/O error.
-    kv_result ReadAt(uint64_t position, void* buffer, uint64_t size, uint64_t* read);
-    // Writes `count` parts one after the other at `position`, for a file in
-    // one pwritev where the system allows. The stream position is not
-    // defined afterwards: seek before the next ReadFile or WriteFile.
-    // -9 when not everything was written.
-    kv_result WriteAt(uint64_t position, const SKvIoPart* parts, size_t count);
     kv_result FilePosition(uint64_t* position);
-    // Current size of the storage in bytes.
-    kv_result GetSize(uint64_t* size);
-    // Cuts the storage at the current position.
+    // Cuts a file at the position (-1009 on failure); cuts memory there when
+    // the position is inside it. Nothing to cut is 0.
     kv_result SetEOF();
-    // Closes the file (-9 when fclose fails, the stream is kept) or forgets
-    // the array. Copies of this wrapper see the stream closed too.
+    // Closes the file (-9 when that fails; it is given up all the same) or
+    // forgets the array. Copies of this wrapper see a file closed too.
     kv_result Finalize();
 
+    // Positional access for the container; the position above is neither
+    // used nor moved. `*read` gets the count, short only at the end.
+    kv_result ReadAt(uint64_t position, void* buffer, uint64_t size, uint64_t* read);
+    kv_result ReadAt(uint64_t position, const SKvIoSpan* spans, size_t count, uint64_t* read);
+    // -9 unless everything was written.
+    kv_result WriteAt(uint64_t position, const SKvIoPart* parts, size_t count);
+    // Current size of the storage in bytes.
+    kv_result GetSize(uint64_t* size);
+    // Cuts or extends the storage to `size` bytes.
+    kv_result Truncate(uint64_t size);
+    kv_result Sync();
+
 private:
-    // Shared by copies of a wrapper: closing through one closes it for all,
-    // and the last copy closes a stream nobody finalized.
-    struct SharedStream {
-        FILE* stream = nullptr;
-        ~SharedStream() {
-            if (stream) std::fclose(stream);
-        }
-    };
+    void Reset();
+    // The storage to write to, or null (with the diagnostic) when it must
+    // not be written.
+    IKvStorage* WritableStorage();
+    kv_result SeekInFile(int64_t offset, uint32_t origin);
+    kv_result SeekInMemory(int64_t offset, uint32_t origin);
 
     int32_t m_nIsFile = 0;
     wchar_t m_szFileName[kMaxFileName + 1];
-    std::shared_ptr<SharedStream> m_pFile;
-    CKvByteArray* m_pByteArray = nullptr;
+    std::shared_ptr<IKvStorage> m_pStorage;
+    CKvByteArray* m_pByteArray = nullptr;  // the caller's array of memory storage
     bool m_bReadOnly = false;
+    uint64_t m_nPosition = 0;              // where ReadFile and WriteFile work
+    CKvStringW m_strDiagnostic;
 };

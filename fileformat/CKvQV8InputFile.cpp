@@ -239,24 +239,20 @@ kv_result CKvQV8InputFile_V02::ReadFrame(uint32_t sequenceIndex, void* buffer) {
         const uint64_t frameSize = m_sAttributes.FrameSize();
         const SKvFrameChunkName name(sequenceIndex);
 
+        // One look-up in the map and one read: the pixels start on the page
+        // after the chunk's head, so the header comes with them.
+        SKvChunkHeader header;
         if (m_uiCompression != kCompressionZlib) {
-            // Raw rows, straight into the caller's buffer. A chunk too short
-            // for the frame is refused before anything is read.
-            SKvChunkHeader header;
-            return m_pChunker->ReadChunkPart(header, buffer, kFramePrefixSize, frameSize, name.c_str());
+            // Raw rows, straight into the caller's buffer. A chunk the map
+            // says is too short for the frame is refused before the read.
+            return m_pChunker->ReadAlignedPart(header, buffer, kFramePrefixSize, frameSize, name.c_str());
         }
 
         // One zlib stream after the prefix, read into a buffer kept between
         // frames and inflated into the caller's; the output must be exactly
         // one frame.
-        SKvChunkHeader header;
-        r = m_pChunker->GetChunkHeader(header, name.c_str());
-        if (r != KV_OK) return r;
-        if (header.dataLength < kFramePrefixSize) return KV_ERR_FAILED;
-        const uint64_t packed = header.dataLength - kFramePrefixSize;
-        if (packed > SIZE_MAX) return KV_ERR_FAILED;
-        if (m_aPacked.size() < packed) m_aPacked.resize(static_cast<size_t>(packed));
-        r = m_pChunker->ReadChunkPart(header, m_aPacked.data(), kFramePrefixSize, packed, name.c_str());
+        uint64_t packed = 0;
+        r = m_pChunker->ReadAlignedRest(header, m_aPacked, kFramePrefixSize, packed, name.c_str());
         if (r != KV_OK) return r;
         return m_inflater.Inflate(m_aPacked.data(), packed, buffer, frameSize);
     });

@@ -428,11 +428,8 @@ kv_result CKvQV8OutputFile_V02::CreateInputImageFile(uint32_t flags, IKvInputIma
     file = nullptr;
     if (flags != 0) return KV_ERR_INVALID_ARG;
     return KvNoThrow([&]() -> kv_result {
-        // The reader opens the file on a stream of its own: what this writer
-        // has buffered must reach the file first.
-        FILE* stream = m_pChunker->Storage().Stream();
-        if (stream && std::fflush(stream) != 0) return KV_ERR_FAILED;
-
+        // The reader opens the file on a descriptor of its own; the writer
+        // buffers nothing, so it sees every chunk written so far.
         // The map comes from the writer: the file has none until Finalize.
         auto chunker = std::make_unique<CKvFileChunker>();
         kv_result r = chunker->SetMapChunk(m_pChunker.get());

@@ -1,10 +1,12 @@
 // Arbitrary bytes opened as a read-only container in memory: the map is
-// walked and every chunk read whole and in parts. A container without a map
-// is repaired on a copy and walked again; one that opens for appending takes
-// a new chunk, which must read back after finalizing.
+// walked and every chunk read whole, in parts and as frames are read. A
+// container without a map is repaired on a copy and walked again; one that
+// opens for appending takes a new chunk, which must read back after
+// finalizing.
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "fileformat/CKvFileChunker.h"
 
@@ -13,6 +15,7 @@ namespace {
 void WalkAllChunks(CKvFileChunker& chunker) {
     CKvStringA name, previous;
     CKvByteArray data;
+    std::vector<uint8_t> rest;
     kv_result r = chunker.GetNextChunkID(name, "");
     for (int guard = 0; r == KV_OK && guard < 4096; ++guard) {
         chunker.GetChunk(data, name.c_str());
@@ -21,6 +24,14 @@ void WalkAllChunks(CKvFileChunker& chunker) {
             // Again with the header vouched for, as frame readers do.
             chunker.GetChunkPart(header, data, 8, 1, name.c_str());
         }
+        // As frames are read: header and part in one read, checked against each other.
+        uint8_t part[64];
+        SKvChunkHeader aligned;
+        chunker.ReadAlignedPart(aligned, part, 8, sizeof part, name.c_str());
+        uint64_t restSize = 0;
+        if (chunker.ReadAlignedRest(aligned, rest, 8, restSize, name.c_str()) == KV_OK &&
+            (restSize > rest.size() || aligned.magic != kChunkMagic))
+            std::abort();
         chunker.ExistChunk(name.c_str());
         previous = name;
         r = chunker.GetNextChunkID(name, previous.c_str());

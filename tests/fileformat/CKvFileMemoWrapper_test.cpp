@@ -82,6 +82,42 @@ TEST(WrapperFileTest, OpeningModesAndSharedClose) {
     EXPECT_EQ(ReadWholeFile(file.path), "hello");
 }
 
+// Opening, closing and a refused write leave their diagnostic text; a file
+// takes any seek from 0 on, from the end too, and refuses one before 0.
+TEST(WrapperFileTest, DiagnosticsAndSeeks) {
+    TempFile file;
+    CKvFileMemoWrapper w;
+    const std::wstring name = file.name;
+    EXPECT_EQ(w.Initialize(name.c_str(), true, false), KV_ERR_FAILED);
+    EXPECT_EQ(std::wstring(w.GetLastDiagnostic().GetString()),
+              L"CKvFileMemoWrapper::getFileHandle_READ() : Error KV_OpenFile(" + name + L") returned: -1000");
+    EXPECT_EQ(w.Initialize(name.c_str(), false, true), KV_ERR_FAILED);
+    EXPECT_EQ(std::wstring(w.GetLastDiagnostic().GetString()),
+              L"CKvFileChunker::getFileHandle_WRITE() : Error KV_OpenFile(" + name + L") returned: -1000");
+    ASSERT_EQ(w.Initialize(name.c_str(), false, false), KV_OK);
+    EXPECT_EQ(std::wstring(w.GetLastDiagnostic().GetString()),
+              L"CKvFileChunker::getFileHandle_WRITE() : File opened KV_OpenFile(" + name + L")");
+    uint64_t n = 0, position = 0;
+    ASSERT_EQ(w.WriteFile("0123456789", 10, &n), KV_OK);
+    EXPECT_EQ(w.SeekFile(-4, 2), KV_OK);
+    EXPECT_TRUE(w.FilePosition(&position) == KV_OK && position == 6) << position;
+    EXPECT_EQ(w.SeekFile(5, 2), KV_OK);
+    EXPECT_TRUE(w.FilePosition(&position) == KV_OK && position == 15) << position;
+    EXPECT_EQ(w.SeekFile(-16, 7), KV_ERR_SEEK_FILE);  // any other origin is from the position
+    EXPECT_EQ(w.SeekFile(-15, 7), KV_OK);
+    EXPECT_TRUE(w.FilePosition(&position) == KV_OK && position == 0) << position;
+    ASSERT_EQ(w.Finalize(), KV_OK);
+    EXPECT_EQ(std::wstring(w.GetLastDiagnostic().GetString()), L"CKvFileMemoWrapper::CloseFile()");
+    ASSERT_EQ(w.Initialize(name.c_str(), true, false), KV_OK);
+    EXPECT_EQ(std::wstring(w.GetLastDiagnostic().GetString()),
+              L"CKvFileMemoWrapper::getFileHandle_READ() : File opened KV_OpenFile(" + name + L")");
+    EXPECT_EQ(w.WriteFile("x", 1, &n), KV_ERR_FAILED);
+    EXPECT_EQ(std::wstring(w.GetLastDiagnostic().GetString()),
+              L"CKvFileChunker::getFileHandle_WRITE() : File opened but not for write!");
+    EXPECT_EQ(w.Finalize(), KV_OK);
+    EXPECT_EQ(ReadWholeFile(file.path), "0123456789");
+}
+
 // Seeks stay inside the array except from the start; a read-only array still
 // takes writes; Finalize forgets the array.
 TEST(WrapperMemoryTest, SeeksWritesAndFinalize) {
