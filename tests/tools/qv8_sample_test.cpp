@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "fileformat/CKvFileChunker.h"
 #include "fileformat/CKvImageFormatQV8.h"
 #include "fileformat/QV8Layout.h"
 #include "gnr_system/CKvSerializerXMLString.h"
