@@ -58,7 +58,7 @@ public:
     // Replaces the contents with the entries of a map chunk's data: each a
     // name ending in "!" (at most `maxNameLength` bytes before it), then the
     // position and size as little-endian 64-bit numbers, until the text
-    // `entriesEnd`. Of a name stored twice the first entry wins. -9 for
+    // `entriesEnd`. Of a name stored twice the first entry wins. KV_ERR_FAILED for
     // malformed data; the entries before the damage are kept.
     kv_result Load(std::vector<uint8_t>&& data, std::string_view entriesEnd, size_t maxNameLength);
     void Clear();

@@ -64,14 +64,14 @@ public:
     // Does not write the map: a writer must call Finalize first.
     virtual ~CKvFileChunker();
 
-    // Opens a file. Read-only: checks the signature (-9 when it is not a
+    // Opens a file. Read-only: checks the signature (KV_ERR_FAILED when it is not a
     // container), returns its version text in `version` and reads the map
-    // (-13 and IsChunkMapMissing() when there is none) unless the chunker
+    // (KV_ERR_NOT_FOUND and IsChunkMapMissing() when there is none) unless the chunker
     // already holds one (set by SetMapChunk). Writing a new file:
     // writes the signature with `version`. Appending (`openExisting`): the
     // map is read and new chunks go after the old map; an empty file is
-    // started anew; a container without a map answers -13 and accepts no
-    // writes until repaired; anything else -9, and the file is not touched.
+    // started anew; a container without a map answers KV_ERR_NOT_FOUND and accepts no
+    // writes until repaired; anything else KV_ERR_FAILED, and the file is not touched.
     kv_result Initialize_File(const wchar_t* fileName, bool readOnly, bool openExisting, CKvStringA& version);
     // The same over a byte array, which must outlive the chunker.
     kv_result Initialize_Memory(CKvByteArray& buffer, bool readOnly, bool openExisting, CKvStringA& version);
@@ -80,13 +80,13 @@ public:
                                  CKvStringA& version);
 
     // Reads the whole data of a chunk ("!" is appended to `name` if missing).
-    // -13 for an unknown name, -9 for a damaged chunk; `data` is left as it
+    // KV_ERR_NOT_FOUND for an unknown name, KV_ERR_FAILED for a damaged chunk; `data` is left as it
     // was on failure when the damage is seen before reading the data.
     kv_result GetChunk(CKvByteArray& data, const char* name);
     // Reads `size` bytes at `offset` into the data of a chunk. A non-zero
     // `header.magic` vouches that `header` already holds this chunk's header,
     // which is then not read again; otherwise it is read into `header`.
-    // -9 when offset + size passes the data length (nothing is read).
+    // KV_ERR_FAILED when offset + size passes the data length (nothing is read).
     kv_result GetChunkPart(SKvChunkHeader& header, CKvByteArray& data, uint64_t offset, uint32_t size, const char* name);
     // The same into the caller's `buffer` of at least `size` bytes, with no
     // copy in between; the buffer is untouched on failure before the read.
@@ -105,19 +105,19 @@ public:
     // length is taken from the map entry before the read.
     kv_result ReadAlignedRest(SKvChunkHeader& header, std::vector<uint8_t>& data, uint64_t offset, uint64_t& size,
                               const char* name);
-    // The header of a chunk (its data length, say): -13 unknown, -9 damaged,
+    // The header of a chunk (its data length, say): KV_ERR_NOT_FOUND unknown, KV_ERR_FAILED damaged,
     // which includes data that would run past the end of the storage.
     kv_result GetChunkHeader(SKvChunkHeader& header, const char* name);
     // True when the map holds exactly `name`; no "!" is appended here.
     bool ExistChunk(const char* name) const;
     // The name after `after` in ascending order (the first with an empty or
-    // null `after`); -13 at the end or when `after` is not in the map.
+    // null `after`); KV_ERR_NOT_FOUND at the end or when `after` is not in the map.
     kv_result GetNextChunkID(CKvStringA& name, const char* after) const;
 
     // Write a complete chunk at the end of the storage and point the map at
     // it (an older chunk of the same name stays in the file as dead space).
     // Names may not contain "!" except as their last character, nor be longer
-    // than kMaxChunkNameLength: -4.
+    // than kMaxChunkNameLength: KV_ERR_INVALID_ARG.
     kv_result SetChunk(const void* data, uint32_t size, const char* name);
     kv_result SetChunk(const CKvByteArray& data, const char* name);
     // Two parts: the first ends on a page boundary, so the second starts on
@@ -135,8 +135,8 @@ public:
     kv_result SetMapChunk(const CKvFileChunker* other);
     // Rebuilds the map of a container that has none by scanning its chunks,
     // writes it and reopens the storage read-only. `onChunk` sees every chunk
-    // found, then may add chunks (see kAddNewChunksName). -8 when `progress`
-    // cancels (nothing is written), -9 when the storage is not a container.
+    // found, then may add chunks (see kAddNewChunksName). KV_ERR_CANCELLED when `progress`
+    // cancels (nothing is written), KV_ERR_FAILED when the storage is not a container.
     kv_result CreateMissingChunkMap(KvChunkCallback onChunk, void* userData, KvProgressCallback progress);
     // Writes the map when the storage is writable and not yet finalized,
     // then closes the storage. Answers the error of a failed map write.

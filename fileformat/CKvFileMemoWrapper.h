@@ -21,7 +21,7 @@ public:
 
     // File storage. Read-only opens the file for reading; for writing it is
     // opened for update: it must exist with `openExisting`, otherwise it is
-    // created when missing (never truncated here). -9 when it cannot be opened.
+    // created when missing (never truncated here). KV_ERR_FAILED when it cannot be opened.
     kv_result Initialize(const wchar_t* fileName, bool readOnly, bool openExisting);
     // Memory storage over the caller's array, which must outlive the wrapper.
     kv_result Initialize(CKvByteArray& buffer, bool readOnly, bool openExisting);
@@ -41,24 +41,24 @@ public:
     const CKvStringW& GetLastDiagnostic() const { return m_strDiagnostic; }
 
     // Reads up to `size` bytes at the position and moves it past them; `*read`
-    // gets the count. -4 for a zero size or null pointers; a file read that
-    // comes up short is -9 (a memory read simply reports fewer bytes).
+    // gets the count. KV_ERR_INVALID_ARG for a zero size or null pointers; a file read that
+    // comes up short is KV_ERR_FAILED (a memory read simply reports fewer bytes).
     kv_result ReadFile(void* buffer, uint64_t size, uint64_t* read, _KvIOASYNCINFO* async = nullptr);
     // Writes at the position, extending the storage when needed, and moves
     // the position past the bytes. A zero size is 0 at once; a null buffer
-    // -4; nothing written -9; a read-only file -9.
+    // KV_ERR_INVALID_ARG; nothing written KV_ERR_FAILED; a read-only file KV_ERR_FAILED.
     kv_result WriteFile(const void* buffer, uint64_t size, uint64_t* written, _KvIOASYNCINFO* async = nullptr);
     // Origin 0 from the start, 1 from the current position, 2 from the end.
     // A file takes any position at or after 0 (origin 2 adds `offset` to the
-    // size), else -1004. Memory refuses positions outside [0, size] for
+    // size), else KV_ERR_SEEK_FILE. Memory refuses positions outside [0, size] for
     // origins 1 and 2 (origin 2 goes back `offset` bytes from the size) and
-    // other origins with -9. A refused seek keeps the position.
+    // other origins with KV_ERR_FAILED. A refused seek keeps the position.
     kv_result SeekFile(int64_t offset, uint32_t origin);
     kv_result FilePosition(uint64_t* position);
-    // Cuts a file at the position (-1009 on failure); cuts memory there when
+    // Cuts a file at the position (KV_ERR_SET_EOF on failure); cuts memory there when
     // the position is inside it. Nothing to cut is 0.
     kv_result SetEOF();
-    // Closes the file (-9 when that fails; it is given up all the same) or
+    // Closes the file (KV_ERR_FAILED when that fails; it is given up all the same) or
     // forgets the array. Copies of this wrapper see a file closed too.
     kv_result Finalize();
 
@@ -66,7 +66,7 @@ public:
     // used nor moved. `*read` gets the count, short only at the end.
     kv_result ReadAt(uint64_t position, void* buffer, uint64_t size, uint64_t* read);
     kv_result ReadAt(uint64_t position, const SKvIoSpan* spans, size_t count, uint64_t* read);
-    // -9 unless everything was written.
+    // KV_ERR_FAILED unless everything was written.
     kv_result WriteAt(uint64_t position, const SKvIoPart* parts, size_t count);
     // Current size of the storage in bytes.
     kv_result GetSize(uint64_t* size);

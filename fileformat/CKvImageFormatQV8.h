@@ -28,9 +28,9 @@ public:
     kv_result GetID(CKvStringA& id) override;
     kv_result GetTextDescription(CKvStringW& text) override;
     kv_result GetExtensions(CKvStringW& extensions) override;
-    // 0 for the features of the supported table, else -1506.
+    // 0 for the features of the supported table, else KV_ERR_FORMAT_NOT_SUPPORTED.
     kv_result IsFeatureSupported(_EKvImageFormatFeature feature) override;
-    // 0 for 8 to 16 bits per component, else -1506.
+    // 0 for 8 to 16 bits per component, else KV_ERR_FORMAT_NOT_SUPPORTED.
     kv_result IsDataFormatSupported(uint32_t width, uint32_t height, uint8_t bitsPerComponent,
                                     uint32_t components) override;
     // Brings bits per component into 8..16; always 0.
@@ -39,12 +39,12 @@ public:
     kv_result IsFormatSupported(SKvImageAttributes& attributes) override;
     kv_result AdjustFormat(SKvImageAttributes& attributes) override;
     // Version Ver2.0 gives the version-2 writer; a new file, or any other
-    // version but 1, the version-3 writer. -9 when the file cannot be opened
+    // version but 1, the version-3 writer. KV_ERR_FAILED when the file cannot be opened
     // or holds version 1 or an unreadable version text.
     kv_result CreateOutputImageFile(CKvStringW fileName, IKvOutputImageFile*& file) override;
     // Version 2 gives the version-2 reader; 3, later or unparsable numbers
-    // the version-3 reader. -1 for version 1, a version text that is not
-    // "Ver" and a number, or a container without its map; -9 for a file that
+    // the version-3 reader. KV_ERR_REFUSED_VERSION for version 1, a version text that is not
+    // "Ver" and a number, or a container without its map; KV_ERR_FAILED for a file that
     // is not a container. The reader keeps the version text it was opened
     // for, and lists the frames stored (CKvQV8InputFile_V02::GetVersionText,
     // GetStoredFrames), so a caller need not open the container itself.
@@ -58,7 +58,7 @@ long KvQV8VersionNumber(const CKvStringA& version);
 
 // Reads frame 0 of a QV8 file into `picture` (shaped from the attributes),
 // sets `*calibration` to 0.0 and `*aspect` to 1.0 (when given), and fills
-// the frame's picture metadata and the text information when asked. -9 on
+// the frame's picture metadata and the text information when asked. KV_ERR_FAILED on
 // any failure.
 kv_result KV_LoadPictureFromFile(const wchar_t* fileName, SKvPicBuf* picture, double* calibration, double* aspect,
                                  SKvPictureMetadata* metadata, SKvImageTextInfo* textInfo);

@@ -23,7 +23,7 @@ struct SKvStoredFrame {
 // Marker of picture metadata not loaded yet.
 constexpr const wchar_t* kMetadataNotInitialized = L"##not_initialized##";
 
-// Version 1: recognised, never read. Every operation that reads answers -9
+// Version 1: recognised, never read. Every operation that reads answers KV_ERR_FAILED
 // and leaves its arguments alone.
 class CKvQV8InputFile_V01 : public IKvQV8InputFile {
 public:
@@ -109,7 +109,7 @@ protected:
     kv_result ReadFrame(uint32_t sequenceIndex, void* buffer);
     // Sets the frame's absolute and relative times from the time cache.
     void ApplyAcqTimes(uint32_t sequenceIndex, SKvPictureMetadata& metadata);
-    // Decodes an XML chunk into `tree`: -13 missing, -9 not a document.
+    // Decodes an XML chunk into `tree`: KV_ERR_NOT_FOUND missing, KV_ERR_FAILED not a document.
     kv_result ReadXmlChunk(const char* name, CKvVariant& tree);
     // Decodes a lite-variant chunk and hands its reader to `load`.
     template <typename Load>
@@ -125,7 +125,7 @@ protected:
     // Reads the attributes once, so that frame requests know the frame shape.
     kv_result EnsureAttributes();
     // Validates freshly loaded attributes, caches them (the override applied)
-    // and hands them to the caller; -9 for a zero dimension.
+    // and hands them to the caller; KV_ERR_FAILED for a zero dimension.
     kv_result AcceptAttributes(const SKvImageAttributes& loaded, SKvImageAttributes& attributes);
     // Full-size rectangles of compressed frames, served from the thumbnail.
     kv_result CopyFromThumbnail(uint32_t left, uint32_t top, uint32_t width, uint32_t height, uint8_t* out,

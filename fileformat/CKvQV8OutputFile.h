@@ -60,7 +60,7 @@ public:
     virtual kv_result saveImageAttributes();
     virtual kv_result _GetImageAttributes(SKvImageAttributes& attributes);
     // Puts `time` for frame `index` into the cache with state kAcqTimeSet
-    // (when `isSet`) or kAcqTimeNone; -4 above kMaxAcqTimeIndex.
+    // (when `isSet`) or kAcqTimeNone; KV_ERR_INVALID_ARG above kMaxAcqTimeIndex.
     kv_result setTimeToAcqTimesCache(uint32_t index, double time, bool isSet);
 
 protected:
@@ -83,7 +83,7 @@ protected:
     void loadExistingFile(bool liteAttributes);
     // The chunk of one frame: prefix, then raw or compressed pixels.
     kv_result writeFrame(uint32_t sequenceIndex, const void* pixels, uint32_t frameSize, double time);
-    // Bytes of `size` under `name`; -4 above what a chunk can hold.
+    // Bytes of `size` under `name`; KV_ERR_INVALID_ARG above what a chunk can hold.
     kv_result writeBytesChunk(const void* data, uint64_t size, const char* name);
     // A whole UTF-8 XML document of `tree`.
     kv_result writeXmlChunk(const CKvVariant& tree, const char* name);

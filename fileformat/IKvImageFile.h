@@ -66,7 +66,7 @@ public:
     virtual kv_result GetCustomDataVarSeq(const wchar_t* name, uint32_t sequenceIndex, CKvVariant& tree) = 0;
     virtual kv_result GetImageTextInfo(SKvImageTextInfo& info) = 0;
     // `data` is a CKvByteArray* that receives the binary-layer bytes, or null
-    // to ask only whether the file has them (0 yes, -13 no).
+    // to ask only whether the file has them (0 yes, KV_ERR_NOT_FOUND no).
     virtual kv_result GetImageBinary(void* data) = 0;
     // The rectangle (left, top, width, height) of a frame resampled to
     // dstWidth x dstHeight pixels into `buffer`, rows `dstRowBytes` apart

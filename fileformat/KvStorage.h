@@ -31,10 +31,10 @@ public:
 
     // Fills `count` spans one after the other with the bytes from `position`
     // on. `*read` gets the bytes read, short only at the end of the storage;
-    // -9 for an I/O error, -4 for more than kMaxParts spans.
+    // KV_ERR_FAILED for an I/O error, KV_ERR_INVALID_ARG for more than kMaxParts spans.
     virtual kv_result ReadAt(uint64_t position, const SKvIoSpan* spans, size_t count, uint64_t* read) = 0;
     // Writes `count` parts one after the other from `position` on, extending
-    // the storage as needed (a gap reads as zeros). -9 unless all was written;
+    // the storage as needed (a gap reads as zeros). KV_ERR_FAILED unless all was written;
     // `*written` (if given) gets the bytes that were.
     virtual kv_result WriteAt(uint64_t position, const SKvIoPart* parts, size_t count, uint64_t* written) = 0;
     virtual kv_result Size(uint64_t* size) = 0;
@@ -42,7 +42,7 @@ public:
     virtual kv_result Truncate(uint64_t size) = 0;
     // Makes written data durable.
     virtual kv_result Sync() = 0;
-    // Releases the bytes; every operation afterwards fails with -9.
+    // Releases the bytes; every operation afterwards fails with KV_ERR_FAILED.
     virtual kv_result Close() = 0;
     virtual bool IsOpen() const = 0;
 
@@ -74,18 +74,18 @@ public:
     CKvPosixStorage& operator=(const CKvPosixStorage&) = delete;
     ~CKvPosixStorage() override;
 
-    // `path` is the file name as the system takes it (UTF-8). -9 when the
+    // `path` is the file name as the system takes it (UTF-8). KV_ERR_FAILED when the
     // file cannot be opened.
     kv_result Open(const char* path, EKvOpenMode mode);
 
     kv_result ReadAt(uint64_t position, const SKvIoSpan* spans, size_t count, uint64_t* read) override;
     kv_result WriteAt(uint64_t position, const SKvIoPart* parts, size_t count, uint64_t* written) override;
-    // -1012 when fstat fails.
+    // KV_ERR_FILE_SIZE when fstat fails.
     kv_result Size(uint64_t* size) override;
-    // -1009 when ftruncate fails.
+    // KV_ERR_SET_EOF when ftruncate fails.
     kv_result Truncate(uint64_t size) override;
     kv_result Sync() override;
-    // -9 when close fails; the descriptor is given up all the same.
+    // KV_ERR_FAILED when close fails; the descriptor is given up all the same.
     kv_result Close() override;
     bool IsOpen() const override { return m_nDescriptor >= 0; }
     int Descriptor() const { return m_nDescriptor; }

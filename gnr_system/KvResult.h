@@ -44,7 +44,7 @@ inline bool KV_SUCCEEDED(kv_result r) { return r >= 0; }
 inline bool KV_FAILED(kv_result r) { return r < 0; }
 
 // Runs `body` and turns an escaping exception into a result code, so that no
-// exception leaves the library: allocation failures become -3, anything else -9.
+// exception leaves the library: allocation failures become KV_ERR_OUT_OF_MEMORY, anything else KV_ERR_FAILED.
 template <typename Body>
 kv_result KvNoThrow(Body&& body) noexcept {
     try {
