@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <new>
 #include <string>
 
@@ -416,12 +415,14 @@ kv_result CKvQV8OutputFile_V03::writeVariantChunk(const CKvVariant& tree, const 
 
 // ---- reading back ----
 
-CKvQV8InputFile_V02* CKvQV8OutputFile_V02::newInputFile(std::unique_ptr<CKvFileChunker> chunker) {
-    return new CKvQV8InputFile_V02(m_pFormat, std::move(chunker));
+CKvQV8InputFile_V02* CKvQV8OutputFile_V02::newInputFile(std::unique_ptr<CKvFileChunker> chunker,
+                                                         const CKvStringA& version) {
+    return new CKvQV8InputFile_V02(m_pFormat, std::move(chunker), version);
 }
 
-CKvQV8InputFile_V02* CKvQV8OutputFile_V03::newInputFile(std::unique_ptr<CKvFileChunker> chunker) {
-    return new CKvQV8InputFile_V03(m_pFormat, std::move(chunker));
+CKvQV8InputFile_V02* CKvQV8OutputFile_V03::newInputFile(std::unique_ptr<CKvFileChunker> chunker,
+                                                         const CKvStringA& version) {
+    return new CKvQV8InputFile_V03(m_pFormat, std::move(chunker), version);
 }
 
 kv_result CKvQV8OutputFile_V02::CreateInputImageFile(uint32_t flags, IKvInputImageFile*& file, const SKvExperiment*) {
@@ -437,7 +438,7 @@ kv_result CKvQV8OutputFile_V02::CreateInputImageFile(uint32_t flags, IKvInputIma
         CKvStringA version;
         r = chunker->Initialize_File(m_strFileName.c_str(), true, false, version);
         if (r != KV_OK) return r;
-        CKvQV8InputFile_V02* reader = newInputFile(std::move(chunker));
+        CKvQV8InputFile_V02* reader = newInputFile(std::move(chunker), version);
         // The stored attributes may predate the last frames.
         reader->SetTotalSequenceCount(m_sAttributes.uiSequenceCount);
         file = reader;

@@ -74,7 +74,7 @@ protected:
     // variant named `name` in version 3.
     virtual kv_result writeVariantChunk(const CKvVariant& tree, const wchar_t* name, const char* chunkName);
     // The reader matching this writer's version, over `chunker`.
-    virtual CKvQV8InputFile_V02* newInputFile(std::unique_ptr<CKvFileChunker> chunker);
+    virtual CKvQV8InputFile_V02* newInputFile(std::unique_ptr<CKvFileChunker> chunker, const CKvStringA& version);
 
     // Rounds the bits in memory up to whole bytes, fills zero tile sizes and
     // raises widthBytes to what one row needs.
@@ -122,5 +122,5 @@ protected:
     ~CKvQV8OutputFile_V03() override;
 
     kv_result writeVariantChunk(const CKvVariant& tree, const wchar_t* name, const char* chunkName) override;
-    CKvQV8InputFile_V02* newInputFile(std::unique_ptr<CKvFileChunker> chunker) override;
+    CKvQV8InputFile_V02* newInputFile(std::unique_ptr<CKvFileChunker> chunker, const CKvStringA& version) override;
 };

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "fileformat/CKvImageFormatQV8.h"
+#include "fileformat/CKvQV8InputFile.h"
 #include "gnr_system/CKvSerializerXMLString.h"
 #include "gnr_system/KvBytes.h"
 #include "tests/TestSupport.h"
@@ -385,6 +386,8 @@ TEST_F(OutputFileTest, ReaderOverAnUnfinishedFileSeesTheFramesWritten) {
     Bytes back(f1.size());
     EXPECT_EQ(KV_OK, file->GetData(1, back.data(), nullptr, nullptr));
     EXPECT_EQ(f1, back);
+    EXPECT_STREQ("Ver3.0", dynamic_cast<CKvQV8InputFile_V02&>(*file).GetVersionText().GetString())
+        << "a reader of a file being written tells its version too";
     file->Release();
     EXPECT_EQ(KV_OK, w->Finalize());
 }
