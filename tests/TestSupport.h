@@ -1,8 +1,13 @@
 // Helpers shared by the test suites: a temporary directory removed with its
-// content at the end of a test, and whole-file reads.
+// content at the end of a test, whole-file reads, and zlib streams made the
+// plain way to compare the library's against.
 #pragma once
 
 #include <stdlib.h>
+#include <zlib.h>
+
+#include <cstdint>
+#include <vector>
 
 #include <filesystem>
 #include <fstream>
@@ -36,4 +41,13 @@ private:
 inline std::string ReadWholeFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// `raw` as one zlib stream made by compress2 at `level`; empty on failure.
+inline std::vector<uint8_t> TestDeflate(const std::vector<uint8_t>& raw, int level = 6) {
+    uLongf size = compressBound(raw.size());
+    std::vector<uint8_t> out(size);
+    if (compress2(out.data(), &size, raw.data(), raw.size(), level) != Z_OK) return {};
+    out.resize(size);
+    return out;
 }

@@ -13,6 +13,7 @@
 #include "gnr_metaformats/KvMetaIO.h"
 #include "gnr_system/CKvSerializerXMLString.h"
 #include "gnr_system/KvBytes.h"
+#include "tests/TestSupport.h"
 
 namespace {
 
@@ -37,14 +38,6 @@ Bytes Pattern(size_t size, uint8_t seed = 1) {
     Bytes b(size);
     for (size_t i = 0; i < size; ++i) b[i] = static_cast<uint8_t>(seed + i * 7);
     return b;
-}
-
-Bytes Deflate(const Bytes& raw) {
-    uLongf size = compressBound(raw.size());
-    Bytes out(size);
-    EXPECT_EQ(Z_OK, compress2(out.data(), &size, raw.data(), raw.size(), 6));
-    out.resize(size);
-    return out;
 }
 
 // A caller's buffer with guard bytes on both sides.
@@ -165,9 +158,9 @@ TEST(QV8InputFrames, CompressedFrameInflatesToExactlyOneFrame) {
     const Bytes pixels = Pattern(64 * 8 * 2);
     CFileBuilder b;
     b.Attributes(Shape(64, 8, 1, 16, kCompressionZlib, 4));
-    b.Frame(0, Deflate(pixels));
-    b.Frame(1, Deflate(Pattern(pixels.size() * 2)));  // inflates to more than a frame
-    b.Frame(2, Deflate(Pattern(pixels.size() / 2)));  // and to less
+    b.Frame(0, TestDeflate(pixels));
+    b.Frame(1, TestDeflate(Pattern(pixels.size() * 2)));  // inflates to more than a frame
+    b.Frame(2, TestDeflate(Pattern(pixels.size() / 2)));  // and to less
     b.Frame(3, Pattern(300));                         // no zlib stream at all
     COpened<CKvQV8InputFile_V03> f(b.Open<CKvQV8InputFile_V03>());
 
@@ -263,7 +256,7 @@ TEST(QV8InputRect, RawFramesAreResampledRowByRow) {
 TEST(QV8InputRect, CompressedFramesOnlyAtFullSizeFromTheThumbnail) {
     CFileBuilder b;
     b.Attributes(Shape(4, 2, 1, 8, kCompressionZlib));
-    b.Frame(0, Deflate(Pattern(8)));
+    b.Frame(0, TestDeflate(Pattern(8)));
     COpened<CKvQV8InputFile_V03> noThumbnail(b.Open<CKvQV8InputFile_V03>());
     uint8_t out[8];
     EXPECT_EQ(KV_ERR_NOT_SUPPORTED, noThumbnail->GetRectData(0, 0, 0, 4, 2, 2, 1, out, 0, 0, nullptr, nullptr));
@@ -364,7 +357,7 @@ TEST(QV8InputMetadata, Version3FallsBackToXmlChunks) {
 TEST(QV8InputFrames, StoredFramesComeFromTheMap) {
     CFileBuilder b;
     b.Attributes(Shape(10, 10, 1, 8, kCompressionZlib, 1000));
-    const Bytes packed = Deflate(Pattern(100));
+    const Bytes packed = TestDeflate(Pattern(100));
     for (uint32_t index : {10u, 2u, 0u}) b.Frame(index, packed);
     b.Chunk("ImageDataSeq|7!", "1234", 4);    // shorter than the prefix
     b.Chunk("ImageDataSeq|03!", "12345678", 8);  // not as "%u" writes 3
@@ -428,7 +421,7 @@ TEST(QV8InputVersion2, XmlChunksAndSequenceCountOverride) {
     b.Xml("ImageMetadataSeq|1!", meta);
     b.Xml("CustomDataVar|Note!", custom);
     const Bytes pixels = Pattern(16);
-    b.Frame(0, Deflate(pixels));
+    b.Frame(0, TestDeflate(pixels));
     COpened<CKvQV8InputFile_V02> f(b.Open<CKvQV8InputFile_V02>());
 
     SKvImageAttributes read;

@@ -161,14 +161,6 @@ private:
     std::unique_ptr<IKvStorage> m_pInner;
 };
 
-Bytes Deflate(const Bytes& raw) {
-    uLongf size = compressBound(raw.size());
-    Bytes out(size);
-    EXPECT_EQ(Z_OK, compress2(out.data(), &size, raw.data(), raw.size(), 6));
-    out.resize(size);
-    return out;
-}
-
 // Frames written through the output file and read back through the input
 // file, over a counting storage on a file or on a byte array.
 class FrameAccessTest : public ::testing::TestWithParam<bool> {
@@ -292,7 +284,7 @@ TEST_P(FrameAccessTest, AMapEntryOnGarbageIsResynchronised) {
             ASSERT_EQ(KV_OK, c.SetChunk(filler.data(), kPageSize, "Filler"));
             garbage = c.GetChunkMap().at("Filler!").position + kPageSize;
             Bytes prefix(kFramePrefixSize, 0);
-            const Bytes pixels = compression == kCompressionZlib ? Deflate(frames[0]) : frames[0];
+            const Bytes pixels = compression == kCompressionZlib ? TestDeflate(frames[0]) : frames[0];
             ASSERT_EQ(KV_OK, c.SetChunk(prefix.data(), kFramePrefixSize, pixels.data(),
                                         static_cast<uint32_t>(pixels.size()), FrameName(0).c_str()));
             frame = c.GetChunkMap().at(FrameName(0).View()).position;
@@ -314,7 +306,7 @@ TEST_P(FrameAccessTest, OtherLayoutsAreStillRead) {
     for (uint32_t compression : {kCompressionNone, kCompressionZlib}) {
         Write(compression, {Pattern(kWidth * kHeight, 8)}, [&](CKvFileChunker& c) {
             Bytes whole(kFramePrefixSize, 0);
-            const Bytes stored = compression == kCompressionZlib ? Deflate(pixels) : pixels;
+            const Bytes stored = compression == kCompressionZlib ? TestDeflate(pixels) : pixels;
             whole.insert(whole.end(), stored.begin(), stored.end());
             ASSERT_EQ(KV_OK, c.SetChunk(whole.data(), static_cast<uint32_t>(whole.size()), FrameName(0).c_str()));
         });
