@@ -71,6 +71,15 @@ bool IsStorableName(std::string_view name) {
 
 bool NormalisedName::IsValidForWriting() const { return IsStorableName(m_view); }
 
+// Whether `got` bytes read at a chunk start hold the header `h` and the name
+// field of the chunk `name`: the magic, the name, and a zero after it unless
+// the field ends with it.
+bool CarriesName(const uint8_t* raw, uint64_t got, const SKvChunkHeader& h, std::string_view name) {
+    if (h.magic != kChunkMagic || h.nameLength < name.size() || got < kChunkHeaderSize + name.size()) return false;
+    if (std::memcmp(raw + kChunkHeaderSize, name.data(), name.size()) != 0) return false;
+    return h.nameLength == name.size() || (got > kChunkHeaderSize + name.size() && raw[kChunkHeaderSize + name.size()] == 0);
+}
+
 }  // namespace
 
 CKvFileChunker::CKvFileChunker() : m_aPage(kPageSize), m_aAssembly(kPageSize) {
@@ -104,6 +113,7 @@ void CKvFileChunker::ResetState() {
     m_strStreamedChunk.Empty();
     m_nReadOnlySize = 0;
     m_nAppendPosition = 0;
+    m_bHeldByWriter = false;
 }
 
 // ---- opening ----
@@ -113,7 +123,10 @@ kv_result CKvFileChunker::Initialize_File(const wchar_t* fileName, bool readOnly
     return KvNoThrow([&]() -> kv_result {
         ResetState();
         if (!fileName) return KV_ERR_INVALID_ARG;
-        if (m_storage.Initialize(fileName, readOnly, openExisting) != KV_OK) return KV_ERR_FAILED;
+        if (m_storage.Initialize(fileName, readOnly, openExisting) != KV_OK) {
+            m_bHeldByWriter = m_storage.IsHeldByWriter();
+            return KV_ERR_FAILED;
+        }
         return FinishOpening(OpenCommon(readOnly, openExisting, version));
     });
 }
@@ -226,7 +239,7 @@ kv_result CKvFileChunker::ReadChunkMap() {
     // once into the array the map keeps its names in.
     SKvChunkHeader header;
     CKvStringA name;
-    kv_result r = ReadChunkAt(position, header, name, nullptr);
+    kv_result r = ReadChunkAt(position, header, name, nullptr, true);
     if (r != KV_OK) return r;
     if (header.dataLength > UINT32_MAX) return KV_ERR_FAILED;
     std::vector<uint8_t> data(static_cast<size_t>(header.dataLength));
@@ -286,14 +299,32 @@ kv_result CKvFileChunker::WriteExact(uint64_t position, const void* buffer, uint
     return m_storage.WriteAt(position, &part, 1) == KV_OK ? KV_OK : KV_ERR_FAILED;
 }
 
-// Reads the header at `position`; when its magic is wrong, the next magic
-// after it is taken as the chunk start and `position` moves there.
-kv_result CKvFileChunker::ReadHeader(SKvChunkHeader& header, uint64_t& position) {
+// Reads the header at `position`; when its magic is wrong, KV_ERR_FAILED, or with
+// `resynchronise` the next magic after it is taken as the chunk start and
+// `position` moves there.
+kv_result CKvFileChunker::ReadHeader(SKvChunkHeader& header, uint64_t& position, bool resynchronise) {
     uint8_t raw[kChunkHeaderSize];
     if (ReadExact(position, raw, sizeof raw) != KV_OK) return KV_ERR_FAILED;
     header = DecodeHeader(raw);
     if (header.magic == kChunkMagic) return KV_OK;
-    return ResynchroniseHeader(header, position);
+    return resynchronise ? ResynchroniseHeader(header, position) : KV_ERR_FAILED;
+}
+
+// The header of the chunk the map places at `position` under `name`: it
+// must be there, named so (the name field's text up to its first zero),
+// or the entry does not describe what the storage holds and KV_ERR_FAILED.
+kv_result CKvFileChunker::ReadNamedHeader(SKvChunkHeader& header, uint64_t position, std::string_view name) {
+    uint8_t raw[kChunkHeaderSize + kMaxChunkNameLength + 2];
+    if (name.size() > kMaxChunkNameLength + 1) return KV_ERR_FAILED;
+    // The byte after the name is read too, where the field has one: it must end the text.
+    uint64_t got = 0;
+    if (m_storage.ReadAt(position, raw, kChunkHeaderSize + name.size() + 1, &got) != KV_OK ||
+        got < kChunkHeaderSize + name.size())
+        return KV_ERR_FAILED;
+    const SKvChunkHeader found = DecodeHeader(raw);
+    if (!CarriesName(raw, got, found, name)) return KV_ERR_FAILED;
+    header = found;
+    return KV_OK;
 }
 
 // The header of the chunk that starts at the next magic after `position`,
@@ -337,11 +368,11 @@ kv_result CKvFileChunker::Resynchronise(uint64_t from, uint64_t& found) {
 }
 
 // Reads the chunk at `position` (moved to the chunk's real start when the
-// reader had to resynchronise): its header, its name, and its data when
+// reader was allowed to resynchronise and had to): its header, its name, and its data when
 // `data` is given. Every length is checked against the storage first.
 kv_result CKvFileChunker::ReadChunkAt(uint64_t& position, SKvChunkHeader& header, CKvStringA& name,
-                                      CKvByteArray* data) {
-    kv_result r = ReadHeader(header, position);
+                                      CKvByteArray* data, bool resynchronise) {
+    kv_result r = ReadHeader(header, position, resynchronise);
     if (r != KV_OK) return r;
     uint64_t size = 0;
     if (StorageSize(size) != KV_OK || size < position || size - position < kChunkHeaderSize) return KV_ERR_FAILED;
@@ -379,10 +410,14 @@ kv_result CKvFileChunker::GetChunk(CKvByteArray& data, const char* name) {
         SKvChunkMapMember member;
         kv_result r = FindChunk(name, member);
         if (r != KV_OK) return r;
+        // The name is checked before the data is read, so that the caller's
+        // array is left alone when the entry points at another chunk.
         SKvChunkHeader header;
+        r = ReadNamedHeader(header, member.position, NormalisedName(name).View());
+        if (r != KV_OK) return r;
         CKvStringA found;
         uint64_t position = member.position;
-        return ReadChunkAt(position, header, found, &data);
+        return ReadChunkAt(position, header, found, &data, false);
     });
 }
 
@@ -391,18 +426,17 @@ kv_result CKvFileChunker::LocatePart(SKvChunkHeader& header, uint64_t offset, ui
     SKvChunkMapMember member;
     kv_result r = FindChunk(name, member);
     if (r != KV_OK) return r;
-    uint64_t position = member.position;
-    return LocateInChunk(header, position, offset, size, at);
+    return LocateInChunk(header, member.position, offset, size, at, NormalisedName(name).View());
 }
 
-// Where `size` bytes at `offset` into the data of the chunk at `position`
-// lie in the storage. The header is read (and `position` moved to the next
-// chunk start when it is not at the position) unless `header` vouches for it.
-kv_result CKvFileChunker::LocateInChunk(SKvChunkHeader& header, uint64_t& position, uint64_t offset, uint64_t size,
-                                        uint64_t& at) {
+// Where `size` bytes at `offset` into the data of the chunk `name` at
+// `position` lie in the storage. The header is read, and must be that
+// chunk's, unless `header` vouches for it.
+kv_result CKvFileChunker::LocateInChunk(SKvChunkHeader& header, uint64_t position, uint64_t offset, uint64_t size,
+                                        uint64_t& at, std::string_view name) {
     if (header.magic == 0) {
         SKvChunkHeader read;
-        const kv_result r = ReadHeader(read, position);
+        const kv_result r = ReadNamedHeader(read, position, name);
         if (r != KV_OK) return r;
         header = read;
     }
@@ -417,28 +451,35 @@ kv_result CKvFileChunker::LocateInChunk(SKvChunkHeader& header, uint64_t& positi
     return KV_OK;
 }
 
-// One read of the head of the chunk at `position` (header, name field and the
-// data before `offset`) and of `size` bytes after it into `buffer`, laid out
-// as the writer lays out a chunk whose data at `offset` starts a page: the
-// head then fills whole pages. True when the header read agrees with that
-// layout; `got` has the bytes that reached `buffer`. `header` gets what was
-// read at the position, or a zero magic when that is no chunk header.
-bool CKvFileChunker::ReadHeadAndPart(uint64_t position, size_t nameSize, uint64_t offset, void* buffer,
-                                     uint64_t size, SKvChunkHeader& header, uint64_t& got) {
+// One read of the head of the chunk `name` at `position` (header, name field
+// and the data before `offset`) and of `size` bytes after it into `buffer`,
+// laid out as the writer lays out a chunk whose data at `offset` starts a
+// page: the head then fills whole pages. AsWritten when the header read
+// agrees with that layout, `header` then holding it and `got` the bytes that
+// reached `buffer`; WrongChunk when the position holds no chunk or another
+// one; OtherLayout when this read cannot tell (the slower path decides).
+CKvFileChunker::EHeadRead CKvFileChunker::ReadHeadAndPart(uint64_t position, std::string_view name, uint64_t offset,
+                                                          void* buffer, uint64_t size, SKvChunkHeader& header,
+                                                          uint64_t& got) {
     header = SKvChunkHeader{};
     got = 0;
-    if (offset > kPageSize) return false;
-    const uint64_t head = RoundUpToPage(kChunkHeaderSize + nameSize + offset);
+    if (offset > kPageSize) return EHeadRead::OtherLayout;
+    const uint64_t head = RoundUpToPage(kChunkHeaderSize + name.size() + offset);
     uint8_t headPage[kPageSize];
-    if (head > sizeof headPage) return false;
+    if (head > sizeof headPage) return EHeadRead::OtherLayout;
     const SKvIoSpan spans[] = {{headPage, head}, {buffer, size}};
     uint64_t read = 0;
-    if (m_storage.ReadAt(position, spans, size ? 2 : 1, &read) != KV_OK || read < kChunkHeaderSize) return false;
+    if (m_storage.ReadAt(position, spans, size ? 2 : 1, &read) != KV_OK || read < kChunkHeaderSize)
+        return EHeadRead::OtherLayout;
     const SKvChunkHeader found = DecodeHeader(headPage);
-    if (found.magic != kChunkMagic) return false;
+    if (found.magic != kChunkMagic) return EHeadRead::WrongChunk;
+    const uint64_t inHead = std::min(read, head);
+    if (!CarriesName(headPage, inHead, found, name))
+        return inHead > kChunkHeaderSize + name.size() ? EHeadRead::WrongChunk : EHeadRead::OtherLayout;
     header = found;
     got = read > head ? read - head : 0;
-    return kChunkHeaderSize + found.nameLength + offset == head && found.dataLength >= offset;
+    const bool asWritten = kChunkHeaderSize + found.nameLength + offset == head && found.dataLength >= offset;
+    return asWritten ? EHeadRead::AsWritten : EHeadRead::OtherLayout;
 }
 
 kv_result CKvFileChunker::ReadAlignedPart(SKvChunkHeader& header, void* buffer, uint64_t offset, uint64_t size,
@@ -449,22 +490,23 @@ kv_result CKvFileChunker::ReadAlignedPart(SKvChunkHeader& header, void* buffer, 
         const NormalisedName key(name);
         SKvChunkMapMember member;
         if (!m_mapChunks.Find(key.View(), member)) return KV_ERR_NOT_FOUND;
-        uint64_t position = member.position;
+        const uint64_t position = member.position;
         SKvChunkHeader found;
         // The map entry vouches for the length of the data, so a chunk too
         // short for the part is refused before the caller's buffer is touched.
         if (size > 0 && offset <= member.size && size <= member.size - offset) {
             uint64_t got = 0;
-            if (ReadHeadAndPart(position, key.View().size(), offset, buffer, size, found, got) &&
-                size <= found.dataLength - offset && got == size) {
+            const EHeadRead head = ReadHeadAndPart(position, key.View(), offset, buffer, size, found, got);
+            if (head == EHeadRead::WrongChunk) return KV_ERR_FAILED;
+            if (head == EHeadRead::AsWritten && size <= found.dataLength - offset && got == size) {
                 header = found;
                 return KV_OK;
             }
         }
-        // Another layout, or damage: the header found (if any) decides, and a
-        // missing one is looked for after the position.
+        // Another layout, or damage: the header is read again on its own.
+        found = SKvChunkHeader{};
         uint64_t at = 0;
-        kv_result r = LocateInChunk(found, position, offset, size, at);
+        kv_result r = LocateInChunk(found, position, offset, size, at, key.View());
         if (r == KV_OK) header = found;
         if (r != KV_OK || size == 0) return r;
         return ReadExact(at, buffer, size);
@@ -478,7 +520,7 @@ kv_result CKvFileChunker::ReadAlignedRest(SKvChunkHeader& header, std::vector<ui
         const NormalisedName key(name);
         SKvChunkMapMember member;
         if (!m_mapChunks.Find(key.View(), member)) return KV_ERR_NOT_FOUND;
-        uint64_t position = member.position;
+        const uint64_t position = member.position;
         uint64_t storageSize = 0;
         if (StorageSize(storageSize) != KV_OK) return KV_ERR_FAILED;
         SKvChunkHeader found;
@@ -490,18 +532,20 @@ kv_result CKvFileChunker::ReadAlignedRest(SKvChunkHeader& header, std::vector<ui
             if (guess > SIZE_MAX) return KV_ERR_FAILED;
             if (data.size() < guess) data.resize(static_cast<size_t>(guess));
             uint64_t got = 0;
-            if (ReadHeadAndPart(position, key.View().size(), offset, data.data(), guess, found, got) &&
-                found.dataLength - offset <= got) {
+            const EHeadRead head = ReadHeadAndPart(position, key.View(), offset, data.data(), guess, found, got);
+            if (head == EHeadRead::WrongChunk) return KV_ERR_FAILED;
+            if (head == EHeadRead::AsWritten && found.dataLength - offset <= got) {
                 header = found;
                 size = found.dataLength - offset;
                 return KV_OK;
             }
         }
+        found = SKvChunkHeader{};
         uint64_t at = 0;
-        kv_result r = LocateInChunk(found, position, offset, 0, at);
+        kv_result r = LocateInChunk(found, position, offset, 0, at, key.View());
         if (r != KV_OK) return r;
         const uint64_t length = found.dataLength - offset;
-        r = LocateInChunk(found, position, offset, length, at);
+        r = LocateInChunk(found, position, offset, length, at, key.View());
         if (r != KV_OK) return r;
         if (length > SIZE_MAX) return KV_ERR_FAILED;
         if (data.size() < length) data.resize(static_cast<size_t>(length));
@@ -548,10 +592,10 @@ kv_result CKvFileChunker::GetChunkHeader(SKvChunkHeader& header, const char* nam
         kv_result r = FindChunk(name, member);
         if (r != KV_OK) return r;
         SKvChunkHeader read;
-        uint64_t position = member.position;
+        const NormalisedName key(name);
         uint64_t at = 0;
-        r = LocateInChunk(read, position, 0, 0, at);
-        if (r == KV_OK) r = LocateInChunk(read, position, 0, read.dataLength, at);  // the data is all there
+        r = LocateInChunk(read, member.position, 0, 0, at, key.View());
+        if (r == KV_OK) r = LocateInChunk(read, member.position, 0, read.dataLength, at, key.View());  // the data is all there
         if (r == KV_OK) header = read;
         return r;
     });
@@ -770,6 +814,9 @@ kv_result CKvFileChunker::Finalize() {
 
 // ---- recovery ----
 
+// Opens the storage again, for reading or for writing. A file is opened anew
+// before its old descriptor is closed, so a refused open (another writer
+// holds the file, say) leaves the chunker as it was.
 kv_result CKvFileChunker::ReopenStorage(bool readOnly) {
     if (!m_storage.IsFile()) {
         // Memory has nothing to reopen: only the container's view of it changes.
@@ -777,41 +824,84 @@ kv_result CKvFileChunker::ReopenStorage(bool readOnly) {
         if (!storage) return KV_ERR_FAILED;
         return m_storage.Initialize(storage, readOnly);
     }
-    const CKvStringW name(m_storage.GetFileName());
+    CKvFileMemoWrapper reopened;
+    if (reopened.Initialize(m_storage.GetFileName(), readOnly, true) != KV_OK) {
+        m_bHeldByWriter = reopened.IsHeldByWriter();
+        return KV_ERR_FAILED;
+    }
     m_storage.Finalize();
-    if (m_storage.Initialize(name.c_str(), readOnly, true) != KV_OK) return KV_ERR_FAILED;
+    m_storage = reopened;
     if (readOnly && m_storage.GetSize(&m_nReadOnlySize) != KV_OK) return KV_ERR_FAILED;
     return KV_OK;
 }
 
-// Reads chunk after chunk from the signature on, entering each in the map,
-// until the reader fails (the end of the storage, or damage). Answers where
-// new chunks may go: the page after the last good chunk.
+// Reads what the scan needs of a chunk at `position` in storage of `total`
+// bytes: KV_OK with its header and name when a whole chunk starts there,
+// KV_ERR_NOT_FOUND when nothing that can be taken for one does (no magic, a
+// length that runs past the end, a name that is not ended by "!"),
+// KV_ERR_FAILED when the storage cannot be read.
+kv_result CKvFileChunker::ReadScannedChunk(uint64_t position, uint64_t total, SKvChunkHeader& header,
+                                           CKvStringA& name) {
+    if (position > total || total - position < kChunkHeaderSize) return KV_ERR_NOT_FOUND;
+    uint8_t raw[kChunkHeaderSize];
+    if (ReadExact(position, raw, sizeof raw) != KV_OK) return KV_ERR_FAILED;
+    header = DecodeHeader(raw);
+    const uint64_t available = total - position - kChunkHeaderSize;
+    if (header.magic != kChunkMagic || header.nameLength > available ||
+        header.dataLength > available - header.nameLength)
+        return KV_ERR_NOT_FOUND;
+    // Only the start of the field is read: a chunk name is short, and the
+    // rest of the field is padding.
+    const size_t look = static_cast<size_t>(std::min<uint64_t>(header.nameLength, kMaxChunkNameLength + 2));
+    m_strNameField.resize(look);
+    if (ReadExact(position + kChunkHeaderSize, &m_strNameField[0], look) != KV_OK) return KV_ERR_FAILED;
+    const size_t length = strnlen(m_strNameField.c_str(), look);
+    const bool cutShort = length == look && look < header.nameLength;
+    if (length == 0 || cutShort || m_strNameField[length - 1] != '!') return KV_ERR_NOT_FOUND;
+    name = CKvStringA(m_strNameField.c_str(), length);
+    return KV_OK;
+}
+
+// Walks the storage from the signature to its end, looking for a chunk at
+// every page start: a chunk found is entered in the map and the walk goes on
+// after it; anything else is passed over one page at a time, so damage in
+// one chunk hides none of the chunks after it.
 kv_result CKvFileChunker::ScanChunks(KvChunkCallback onChunk, void* userData, KvProgressCallback progress,
-                                     uint64_t& appendPosition) {
-    uint64_t total = 0;
-    if (StorageSize(total) != KV_OK) return KV_ERR_FAILED;
+                                     uint64_t total) {
     CKvStringA version;
     if (CheckSignature(version) != KV_OK) return KV_ERR_FAILED;
+    // Progress is told of every chunk found and of every so many pages passed over.
+    constexpr uint64_t kProgressStride = 256 * kPageSize;
 
     CKvByteArray data;
-    uint64_t next = 0;
-    appendPosition = 0;
-    for (;;) {
+    uint64_t position = 0;
+    while (position < total) {
         SKvChunkHeader header;
         CKvStringA name;
-        uint64_t position = next;
-        // The data is read only for a callback that wants to see it.
-        if (ReadChunkAt(position, header, name, onChunk ? &data : nullptr) != KV_OK) break;
-        if (onChunk) onChunk(header, name, data, userData);
-        const uint64_t length = kChunkHeaderSize + header.nameLength + header.dataLength;
-        // A chunk whose name the map cannot hold was not written by a chunker; it
-        // is passed over but still counts as the end of the good data.
-        if (IsStorableName(name.View())) m_mapChunks.Set(name.View(), SKvChunkMapMember{position, length});
-        next = position + length;
-        appendPosition = RoundUpToPage(next);
-        if (progress) {
-            const double fraction = total ? static_cast<double>(next) / static_cast<double>(total) : 1.0;
+        uint64_t next = position + kPageSize;
+        const kv_result found = ReadScannedChunk(position, total, header, name);
+        if (found == KV_OK) {
+            const uint64_t length = kChunkHeaderSize + header.nameLength + header.dataLength;
+            // The data is read only for a callback that wants to see it, and
+            // only when it fits the array it is handed over in.
+            if (onChunk && header.dataLength <= UINT32_MAX) {
+                if (data.SetSize(header.dataLength) != KV_OK) return KV_ERR_OUT_OF_MEMORY;
+                if (ReadExact(position + kChunkHeaderSize + header.nameLength, data.GetData(), header.dataLength) !=
+                    KV_OK)
+                    return KV_ERR_FAILED;
+                onChunk(header, name, data, userData);
+            }
+            // A chunk whose name the map cannot hold was not written by a
+            // chunker; it is passed over whole all the same.
+            if (IsStorableName(name.View())) m_mapChunks.Set(name.View(), SKvChunkMapMember{position, length});
+            next = RoundUpToPage(position + length);
+        } else if (found != KV_ERR_NOT_FOUND) {
+            return found;
+        }
+        const bool report = found == KV_OK || next / kProgressStride != position / kProgressStride;
+        position = next;
+        if (progress && report) {
+            const double fraction = total ? static_cast<double>(position) / static_cast<double>(total) : 1.0;
             if (progress(fraction < 1.0 ? fraction : 1.0, userData)) return KV_ERR_CANCELLED;
         }
     }
@@ -837,31 +927,40 @@ kv_result CKvFileChunker::AddChunksFromCallback(KvChunkCallback onChunk, void* u
 kv_result CKvFileChunker::CreateMissingChunkMap(KvChunkCallback onChunk, void* userData,
                                                 KvProgressCallback progress) {
     return KvNoThrow([&]() -> kv_result {
+        m_bHeldByWriter = false;
         if (!m_storage.IsOpen()) return KV_ERR_FAILED;
-        kv_result r = ReopenStorage(true);
+        // The file is opened for writing before the scan, so that a writer
+        // still at work is seen at once (its lock refuses the open) and none
+        // can start while the map is rebuilt.
+        kv_result r = ReopenStorage(false);
         if (r != KV_OK) return r;
-        m_mapChunks.Clear();
-        m_nPendingBytes = 0;
-        m_strStreamedChunk.Empty();
-
-        uint64_t appendPosition = 0;
-        r = ScanChunks(onChunk, userData, progress, appendPosition);
+        r = RebuildChunkMap(onChunk, userData, progress);
+        const kv_result reopened = ReopenStorage(true);
         if (r != KV_OK) return r;
-
-        r = ReopenStorage(false);
-        if (r != KV_OK) return r;
-        m_nAppendPosition = appendPosition;
-        m_bFinalized = false;
-        if (onChunk) {
-            r = AddChunksFromCallback(onChunk, userData);
-            if (r != KV_OK) return r;
-        }
-        m_bChunkMapMissing = false;
-        r = WriteChunkMap();
-        if (r != KV_OK) return r;
-        r = ReopenStorage(true);
-        if (r != KV_OK) return r;
+        if (reopened != KV_OK) return reopened;
         if (progress) progress(1.0, userData);
         return KV_OK;
     });
+}
+
+// Scans the storage, lets the callback add chunks and writes the map after
+// the last byte the storage holds, so that nothing in it is cut, not even
+// what the scan could not make sense of.
+kv_result CKvFileChunker::RebuildChunkMap(KvChunkCallback onChunk, void* userData, KvProgressCallback progress) {
+    m_mapChunks.Clear();
+    m_nPendingBytes = 0;
+    m_strStreamedChunk.Empty();
+    uint64_t total = 0;
+    if (StorageSize(total) != KV_OK) return KV_ERR_FAILED;
+    kv_result r = ScanChunks(onChunk, userData, progress, total);
+    if (r != KV_OK) return r;
+
+    m_nAppendPosition = RoundUpToPage(total);
+    m_bFinalized = false;
+    if (onChunk) {
+        r = AddChunksFromCallback(onChunk, userData);
+        if (r != KV_OK) return r;
+    }
+    m_bChunkMapMissing = false;
+    return WriteChunkMap();
 }

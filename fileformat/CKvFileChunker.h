@@ -133,10 +133,14 @@ public:
     kv_result Reserve(uint64_t size);
     // Replaces this map with a copy of another chunker's.
     kv_result SetMapChunk(const CKvFileChunker* other);
-    // Rebuilds the map of a container that has none by scanning its chunks,
-    // writes it and reopens the storage read-only. `onChunk` sees every chunk
-    // found, then may add chunks (see kAddNewChunksName). KV_ERR_CANCELLED when `progress`
-    // cancels (nothing is written), KV_ERR_FAILED when the storage is not a container.
+    // Rebuilds the map of a container that has none by scanning it to its
+    // end for chunks at page starts (what cannot be read as a chunk is passed
+    // over), writes the map after the last byte of the storage, so nothing in
+    // it is cut, and reopens the storage read-only. `onChunk` sees every chunk
+    // found whose data fits a CKvByteArray, then may add chunks (see
+    // kAddNewChunksName). KV_ERR_CANCELLED when `progress` cancels (nothing is written),
+    // KV_ERR_FAILED when the storage is not a container or cannot be written,
+    // which includes a file that a writer still holds (IsHeldByWriter()).
     kv_result CreateMissingChunkMap(KvChunkCallback onChunk, void* userData, KvProgressCallback progress);
     // Writes the map when the storage is writable and not yet finalized,
     // then closes the storage. Answers the error of a failed map write.
@@ -145,6 +149,9 @@ public:
     const ChunkMap& GetChunkMap() const { return m_mapChunks; }
     bool IsChunkMapMissing() const { return m_bChunkMapMissing; }
     bool IsFinalized() const { return m_bFinalized; }
+    // True when the file could not be opened for writing, by Initialize_File or
+    // by CreateMissingChunkMap, because another writer holds it.
+    bool IsHeldByWriter() const { return m_bHeldByWriter; }
     CKvFileMemoWrapper& Storage() { return m_storage; }
 
 private:
@@ -156,21 +163,29 @@ private:
     kv_result WriteSignature(const CKvStringA& version);
     kv_result ReadChunkMap();
     kv_result WriteChunkMap();
-    kv_result ScanChunks(KvChunkCallback onChunk, void* userData, KvProgressCallback progress, uint64_t& appendPosition);
+    kv_result RebuildChunkMap(KvChunkCallback onChunk, void* userData, KvProgressCallback progress);
+    kv_result ReadScannedChunk(uint64_t position, uint64_t total, SKvChunkHeader& header, CKvStringA& name);
+    kv_result ScanChunks(KvChunkCallback onChunk, void* userData, KvProgressCallback progress, uint64_t total);
     kv_result AddChunksFromCallback(KvChunkCallback onChunk, void* userData);
 
     kv_result StorageSize(uint64_t& size);
     kv_result ReadExact(uint64_t position, void* buffer, uint64_t size);
     kv_result WriteExact(uint64_t position, const void* buffer, uint64_t size);
-    kv_result ReadHeader(SKvChunkHeader& header, uint64_t& position);
+    // What one read of a chunk's head tells about the chunk a map entry names.
+    enum class EHeadRead { AsWritten, OtherLayout, WrongChunk };
+
+    kv_result ReadHeader(SKvChunkHeader& header, uint64_t& position, bool resynchronise);
+    kv_result ReadNamedHeader(SKvChunkHeader& header, uint64_t position, std::string_view name);
     kv_result ResynchroniseHeader(SKvChunkHeader& header, uint64_t& position);
     kv_result Resynchronise(uint64_t from, uint64_t& found);
-    kv_result ReadChunkAt(uint64_t& position, SKvChunkHeader& header, CKvStringA& name, CKvByteArray* data);
+    kv_result ReadChunkAt(uint64_t& position, SKvChunkHeader& header, CKvStringA& name, CKvByteArray* data,
+                          bool resynchronise);
     kv_result FindChunk(const char* name, SKvChunkMapMember& member) const;
     kv_result LocatePart(SKvChunkHeader& header, uint64_t offset, uint64_t size, const char* name, uint64_t& at);
-    kv_result LocateInChunk(SKvChunkHeader& header, uint64_t& position, uint64_t offset, uint64_t size, uint64_t& at);
-    bool ReadHeadAndPart(uint64_t position, size_t nameSize, uint64_t offset, void* buffer, uint64_t size,
-                         SKvChunkHeader& header, uint64_t& got);
+    kv_result LocateInChunk(SKvChunkHeader& header, uint64_t position, uint64_t offset, uint64_t size, uint64_t& at,
+                            std::string_view name);
+    EHeadRead ReadHeadAndPart(uint64_t position, std::string_view name, uint64_t offset, void* buffer, uint64_t size,
+                              SKvChunkHeader& header, uint64_t& got);
     kv_result CheckWritable(const char* name) const;
     kv_result WriteChunk(const void* data1, uint64_t size1, const void* data2, uint64_t size2, std::string_view name);
     kv_result WriteChunkStart(const void* data1, uint64_t size1, bool moreData, uint64_t dataLength,
@@ -191,4 +206,5 @@ private:
     std::string m_strNameField;        // name field of the chunk being read
     uint64_t m_nReadOnlySize = 0;      // size of read-only file storage, taken when it was opened
     uint64_t m_nAppendPosition = 0;    // where the next chunk is written: the end of the chunks
+    bool m_bHeldByWriter = false;      // the last open for writing was refused: another writer holds the file
 };

@@ -23,6 +23,7 @@ void CKvFileMemoWrapper::Reset() {
     m_pStorage.reset();
     m_pByteArray = nullptr;
     m_nPosition = 0;
+    m_bHeldByWriter = false;
 }
 
 kv_result CKvFileMemoWrapper::Initialize(const wchar_t* fileName, bool readOnly, bool openExisting) {
@@ -40,6 +41,7 @@ kv_result CKvFileMemoWrapper::Initialize(const wchar_t* fileName, bool readOnly,
     // file created by a writer is found again by a reader.
     const kv_result opened = file->Open(CKvStringUtils::WtoUTF8(m_szFileName).c_str(), mode);
     if (opened != KV_OK) {
+        m_bHeldByWriter = file->IsHeldByWriter();
         m_strDiagnostic.Format(readOnly ? kReadOpenFailed : kWriteOpenFailed, m_szFileName, KV_ERR_OPEN_FILE);
         return KV_ERR_FAILED;
     }

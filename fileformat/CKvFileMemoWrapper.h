@@ -21,7 +21,9 @@ public:
 
     // File storage. Read-only opens the file for reading; for writing it is
     // opened for update: it must exist with `openExisting`, otherwise it is
-    // created when missing (never truncated here). KV_ERR_FAILED when it cannot be opened.
+    // created when missing (never truncated here), and locked against other
+    // writers while it is open. KV_ERR_FAILED when it cannot be opened, with
+    // IsHeldByWriter() true when another writer holds it.
     kv_result Initialize(const wchar_t* fileName, bool readOnly, bool openExisting);
     // Memory storage over the caller's array, which must outlive the wrapper.
     kv_result Initialize(CKvByteArray& buffer, bool readOnly, bool openExisting);
@@ -33,6 +35,8 @@ public:
     bool GetReadOnly() const { return m_bReadOnly; }
     bool IsFile() const { return m_nIsFile != 0; }
     bool IsOpen() const { return m_pStorage && m_pStorage->IsOpen(); }
+    // True when the last file Initialize failed because another writer holds the file.
+    bool IsHeldByWriter() const { return m_bHeldByWriter; }
     // The storage itself, shared by copies of this wrapper; null before
     // Initialize and after a memory storage was finalized.
     const std::shared_ptr<IKvStorage>& GetStorage() const { return m_pStorage; }
@@ -87,6 +91,7 @@ private:
     std::shared_ptr<IKvStorage> m_pStorage;
     CKvByteArray* m_pByteArray = nullptr;  // the caller's array of memory storage
     bool m_bReadOnly = false;
+    bool m_bHeldByWriter = false;
     uint64_t m_nPosition = 0;              // where ReadFile and WriteFile work
     CKvStringW m_strDiagnostic;
 };

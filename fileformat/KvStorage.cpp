@@ -2,6 +2,7 @@
 #include "fileformat/KvStorage.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -42,6 +43,18 @@ bool ToVectors(const Piece* pieces, size_t count, iovec* vectors, size_t& used) 
     return true;
 }
 
+// Takes the writer's lock on `fd` without waiting; false (and `heldByWriter`
+// set) when another open of the file holds it. A file system that cannot
+// lock is written all the same, as it was before locks were taken.
+bool LockForWriting(int fd, bool& heldByWriter) {
+    int r;
+    do {
+        r = ::flock(fd, LOCK_EX | LOCK_NB);
+    } while (r != 0 && errno == EINTR);
+    heldByWriter = r != 0 && errno == EWOULDBLOCK;
+    return !heldByWriter;
+}
+
 }  // namespace
 
 // ---- file ----
@@ -52,6 +65,7 @@ CKvPosixStorage::~CKvPosixStorage() {
 
 kv_result CKvPosixStorage::Open(const char* path, EKvOpenMode mode) {
     Close();
+    m_bHeldByWriter = false;
     if (!path) return KV_ERR_INVALID_ARG;
     int flags = O_CLOEXEC;
     switch (mode) {
@@ -64,6 +78,10 @@ kv_result CKvPosixStorage::Open(const char* path, EKvOpenMode mode) {
         fd = ::open(path, flags, 0666);
     } while (fd < 0 && errno == EINTR);
     if (fd < 0) return KV_ERR_FAILED;
+    if (mode != EKvOpenMode::ReadOnly && !LockForWriting(fd, m_bHeldByWriter)) {
+        ::close(fd);
+        return KV_ERR_FAILED;
+    }
     m_nDescriptor = fd;
     m_bReadOnly = mode == EKvOpenMode::ReadOnly;
     return KV_OK;
@@ -134,6 +152,7 @@ kv_result CKvPosixStorage::Close() {
     if (m_nDescriptor < 0) return KV_OK;
     // A descriptor whose close failed is gone all the same (retrying could
     // close one the process has opened since); it must not be closed twice.
+    // Closing it also gives up the writer's lock.
     const int closed = ::close(m_nDescriptor);
     m_nDescriptor = -1;
     return closed == 0 ? KV_OK : KV_ERR_FAILED;

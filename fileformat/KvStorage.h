@@ -75,8 +75,13 @@ public:
     ~CKvPosixStorage() override;
 
     // `path` is the file name as the system takes it (UTF-8). KV_ERR_FAILED when the
-    // file cannot be opened.
+    // file cannot be opened. Opened for update, the file is locked against
+    // other writers (an advisory exclusive lock, held until Close): when one
+    // already holds it the open fails with KV_ERR_FAILED and IsHeldByWriter()
+    // says so. Readers take no lock.
     kv_result Open(const char* path, EKvOpenMode mode);
+    // True when the last Open failed because another writer holds the file.
+    bool IsHeldByWriter() const { return m_bHeldByWriter; }
 
     kv_result ReadAt(uint64_t position, const SKvIoSpan* spans, size_t count, uint64_t* read) override;
     kv_result WriteAt(uint64_t position, const SKvIoPart* parts, size_t count, uint64_t* written) override;
@@ -96,6 +101,7 @@ public:
 private:
     int m_nDescriptor = -1;
     bool m_bReadOnly = false;
+    bool m_bHeldByWriter = false;
 };
 
 // A CKvByteArray that behaves like a file: writes land at their position and

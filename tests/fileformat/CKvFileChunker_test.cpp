@@ -326,7 +326,7 @@ struct Recorder {
 
 // Chunks on page 1 (empty), 2 (overwritten with junk), 3-5 (two parts) and 6,
 // the map on 7; cut either before the map or inside the last chunk. Recovery
-// can be cancelled without a trace, and can add chunks after those it found.
+// can be cancelled without a trace, and can add chunks after the file's end.
 TEST_P(ChunkerTest, RecoversMissingMap) {
     // In file order; sizes count header, name field and data.
     const Entries all = {{std::string(kSignatureChunkName), 0, 112}, {"e!", kPage, 18}, {"two!", 3 * kPage, 9096},
@@ -361,8 +361,10 @@ TEST_P(ChunkerTest, RecoversMissingMap) {
         EXPECT_EQ(rec.seen, seen);
         EXPECT_EQ(rec.fraction, 1.0);
 
-        // Added chunks go right after the last whole chunk, the map after them.
-        const uint64_t addAt = cut / kPage * kPage;
+        // Added chunks go after the last byte of the file, a torn chunk
+        // included, the map after them.
+        const uint64_t addAt = RoundUp(cut);
+        EXPECT_EQ(Slice(s.Get(), 0, cut), file);
         found.emplace_back("added0!", addAt, 3);
         found.emplace_back("added2!", addAt + kPage, 3);
         EXPECT_EQ(Tail(s.Get(), addAt + 2 * kPage), MapChunk(found, addAt + 2 * kPage));
@@ -370,6 +372,88 @@ TEST_P(ChunkerTest, RecoversMissingMap) {
         EXPECT_EQ(Read(*again, "two"), two);
         EXPECT_EQ(Read(*again, "added2"), Join("xyz"));
     }
+}
+
+// Damage the scan must pass over without losing what follows: a data length
+// of 2^40, a page of junk, a page that starts with a magic but whose lengths
+// run past the end, a name not ended by "!", and the old map chunk, whose
+// trailer was cut. Every other chunk is found, and no byte is cut or moved.
+TEST_P(ChunkerTest, RecoveryPassesOverDamageAndKeepsEveryByte) {
+    const Bytes frame = Pattern(9000, 4);
+    Build(store, [&](CKvFileChunker& w) {
+        Put(w, "first", Pattern(10, 1));
+        Put(w, "broken", Pattern(5000, 2));     // pages 2-3
+        Put(w, "junk", Pattern(8, 3));          // page 4
+        Put(w, "bogus", Pattern(8, 3));         // page 5
+        for (const char* name : {"ImageDataSeq|0", "unnamed", "ImageDataSeq|1"})
+            ASSERT_EQ(w.SetChunk(frame.data(), 8, frame.data() + 8, 9000 - 8, name), KV_OK);  // 4 pages each
+    });
+    Bytes file = store.Get();
+    file.resize(file.size() - kChunkMapTrailerSize);
+    kvbytes::StoreU64(&file[2 * kPage + 8], uint64_t(1) << 40);
+    std::fill(file.begin() + 4 * kPage, file.begin() + 5 * kPage, 0x55);
+    kvbytes::StoreU64(&file[5 * kPage + 8], 100 * kPage);
+    file[10 * kPage + kChunkHeaderSize + 7] = 'x';  // "unnamed!" becomes "unnamedx"
+    store.Put(file);
+
+    CKvFileChunker r;
+    ASSERT_EQ(store.OpenRead(r), KV_ERR_NOT_FOUND);
+    Recorder rec;
+    ASSERT_EQ(r.CreateMissingChunkMap(Recorder::OnChunk, &rec, Recorder::OnProgress), KV_OK);
+    const std::vector<std::string> seen = {std::string(kSignatureChunkName), "first!", "ImageDataSeq|0!",
+                                           "ImageDataSeq|1!", "##ADD_NEW_CHUNKS##0"};
+    EXPECT_EQ(rec.seen, seen);
+    EXPECT_EQ(rec.fraction, 1.0);
+    const uint64_t frameSize = kChunkHeaderSize + 4072 + 9000;
+    const uint64_t mapAt = RoundUp(file.size());
+    const Entries found = {{std::string(kSignatureChunkName), 0, 112}, {"ImageDataSeq|0!", 6 * kPage, frameSize},
+                           {"ImageDataSeq|1!", 14 * kPage, frameSize}, {"first!", kPage, kPage}};
+    const Bytes repaired = store.Get();
+    ASSERT_GE(repaired.size(), file.size());
+    EXPECT_EQ(Slice(repaired, 0, file.size()), file);
+    EXPECT_EQ(Tail(repaired, mapAt), MapChunk(found, mapAt));
+    auto again = store.Reader();
+    EXPECT_EQ(Read(*again, "ImageDataSeq|1"), frame);
+    EXPECT_EQ(Read(*again, "first"), Pattern(10, 1));
+}
+
+// A writer holds its file from opening to Finalize: a second writer is
+// refused, a reader is not, and recovery leaves the file alone until the
+// writer is done. While recovery works, no writer can start either.
+TEST(ChunkerLock, RecoveryWaitsForTheWriter) {
+    Store store(Kind::File);
+    CKvFileChunker writer;
+    ASSERT_EQ(store.OpenWrite(writer, false), KV_OK);
+    Put(writer, "a", Pattern(100, 1));
+    const Bytes unfinished = store.Get();
+
+    CKvFileChunker second, repairer;
+    EXPECT_EQ(store.OpenWrite(second, true), KV_ERR_FAILED);
+    EXPECT_TRUE(second.IsHeldByWriter());
+    ASSERT_EQ(store.OpenRead(repairer), KV_ERR_NOT_FOUND);
+    EXPECT_FALSE(repairer.IsHeldByWriter());
+    EXPECT_EQ(repairer.CreateMissingChunkMap(nullptr, nullptr, nullptr), KV_ERR_FAILED);
+    EXPECT_TRUE(repairer.IsHeldByWriter());
+    EXPECT_EQ(store.Get(), unfinished);
+
+    ASSERT_EQ(writer.Finalize(), KV_OK);
+    struct Probe {
+        Store* store;
+        int refused = 0;
+        static int OnChunk(SKvChunkHeader&, CKvStringA& name, CKvByteArray&, void* user) {
+            auto* self = static_cast<Probe*>(user);
+            CKvFileChunker w;
+            self->refused += self->store->OpenWrite(w, true) == KV_ERR_FAILED && w.IsHeldByWriter();
+            return name.StartsWith("##ADD_NEW_CHUNKS##") ? KV_ERR_CANCELLED : KV_OK;
+        }
+    } probe{&store};
+    ASSERT_EQ(repairer.CreateMissingChunkMap(Probe::OnChunk, &probe, nullptr), KV_OK);
+    EXPECT_FALSE(repairer.IsHeldByWriter());
+    EXPECT_EQ(probe.refused, 4);  // signature, "a", the finished map, then the call to add chunks
+    EXPECT_EQ(Read(repairer, "a"), Pattern(100, 1));
+    // Once recovery is done the file takes a writer again.
+    Build(store, [](CKvFileChunker& w) { Put(w, "b", Pattern(5, 2)); }, "", true);
+    EXPECT_EQ(Read(*store.Reader(), "a"), Pattern(100, 1));
 }
 
 TEST(ChunkerWrite, RefusesNamesTheMapCannotHold) {
@@ -389,8 +473,8 @@ TEST(ChunkerWrite, RefusesNamesTheMapCannotHold) {
 
 // One 64-bit field patched in a finished file: a chunk's data length, a map
 // entry's position, the map chunk's data length, the trailer's map offset.
-// An entry that points before its chunk is followed to the next chunk magic,
-// found in the first block scanned, straddling its end, or in a later block.
+// An entry that points before or after its chunk fails the read; reading
+// never goes on to whatever chunk comes next.
 TEST(ChunkerDamage, DamagedLengthsAndOffsets) {
     Store store(Kind::File);
     const Bytes a = Pattern(8, 1), c = Pattern(8, 3);
@@ -400,13 +484,17 @@ TEST(ChunkerDamage, DamagedLengthsAndOffsets) {
     const uint64_t entryC = 5 * kPage + 50, entryA = 5 * kPage + 86;  // the map lists "c!", "b!", then "a!"
     ASSERT_EQ(kvbytes::LoadU64(&good[entryA]), kPage);
     const Entries bc = {{"b!", 2 * kPage, 5000}, {"c!", 4 * kPage, 8}};
-    struct Case { uint64_t at, value; kv_result open; const char* name; Bytes data; Entries kept; } cases[] = {
-        {lengthA, 0x7FFFFFF0, KV_OK, "a", {}, {}}, {entryA, size - 8, KV_OK, "a", {}, {}},
-        {entryA, uint64_t(1) << 40, KV_OK, "a", {}, {}},
-        {entryA, 200, KV_OK, "a", a, {}}, {entryA, 3, KV_OK, "a", a, {}}, {entryC, 2 * kPage + 37, KV_OK, "c", c, {}},
-        {mapLength, 37, KV_ERR_NOT_FOUND, "", {}, bc},  // the last entry's name is cut: the entries before it stay
-        {mapLength, 43, KV_ERR_NOT_FOUND, "", {}, bc},  // its position is cut
-        {size - 8, 0, KV_ERR_NOT_FOUND, "", {}, {}}, {size - 8, size, KV_ERR_NOT_FOUND, "", {}, {}}};
+    // `name` is the chunk the damage breaks, `other` one that still reads.
+    struct Case { uint64_t at, value; kv_result open; const char* name; const char* other; Entries kept; } cases[] = {
+        {lengthA, 0x7FFFFFF0, KV_OK, "a", "c", {}}, {entryA, size - 8, KV_OK, "a", "c", {}},
+        {entryA, uint64_t(1) << 40, KV_OK, "a", "c", {}},
+        {entryA, 200, KV_OK, "a", "c", {}}, {entryA, 3, KV_OK, "a", "c", {}},
+        {entryA, 2 * kPage, KV_OK, "a", "c", {}},         // one page on: chunk "b"
+        {entryC, 2 * kPage + 37, KV_OK, "c", "a", {}},    // inside "b", which "c" follows
+        {entryC, 5 * kPage, KV_OK, "c", "a", {}},         // one page on: the map chunk
+        {mapLength, 37, KV_ERR_NOT_FOUND, "", "", bc},  // the last entry's name is cut: the entries before it stay
+        {mapLength, 43, KV_ERR_NOT_FOUND, "", "", bc},  // its position is cut
+        {size - 8, 0, KV_ERR_NOT_FOUND, "", "", {}}, {size - 8, size, KV_ERR_NOT_FOUND, "", "", {}}};
     for (const Case& k : cases) {
         SCOPED_TRACE(::testing::Message() << k.at << " := " << k.value);
         Bytes file = good;
@@ -417,18 +505,84 @@ TEST(ChunkerDamage, DamagedLengthsAndOffsets) {
         EXPECT_EQ(r.IsChunkMapMissing(), k.open != KV_OK);
         if (k.open != KV_OK) {
             EXPECT_EQ(MapOf(r), k.kept);
-        } else if (!k.data.empty()) {
-            EXPECT_EQ(Read(r, k.name), k.data);
-        } else {  // refused before reading: the output is neither changed nor grown
-            CKvByteArray out("k", 1);
-            SKvChunkHeader h;
-            EXPECT_EQ(r.GetChunk(out, "a"), KV_ERR_FAILED);
-            EXPECT_EQ(r.GetChunkPart(h, out, 0, 0x7FFFFF00, "a"), KV_ERR_FAILED);
-            EXPECT_EQ(ToBytes(out), Bytes{'k'});
-            EXPECT_LT(out.GetAllocated(), 1u << 20);
-            EXPECT_EQ(Read(r, "c"), c);
+            continue;
         }
+        // Refused before reading: the output is neither changed nor grown.
+        CKvByteArray out("k", 1);
+        SKvChunkHeader h;
+        EXPECT_EQ(r.GetChunk(out, k.name), KV_ERR_FAILED);
+        EXPECT_EQ(r.GetChunkPart(h, out, 0, 0x7FFFFF00, k.name), KV_ERR_FAILED);
+        EXPECT_EQ(ToBytes(out), Bytes{'k'});
+        EXPECT_LT(out.GetAllocated(), 1u << 20);
+        EXPECT_EQ(r.GetChunkHeader(h, k.name), KV_ERR_FAILED);
+        EXPECT_EQ(Read(r, k.other), std::string(k.other) == "a" ? a : c);
     }
+}
+
+// A map entry moved off its chunk, read the way frames are read as well as
+// every other way: the read fails and never returns the bytes found there.
+// Frames 5 and 6 are two-part chunks of two pages each, so one page after
+// frame 5 lies its pixel page and two pages after it frame 6.
+TEST(ChunkerDamage, EntryOffItsChunkFailsEveryRead) {
+    Store store(Kind::File);
+    const Bytes prefix = Pattern(8, 9), pixels5 = Pattern(300, 5), pixels6 = Pattern(300, 6);
+    Build(store, [&](CKvFileChunker& w) {
+        Put(w, "a", Pattern(8, 1));
+        ASSERT_EQ(w.SetChunk(prefix.data(), 8, pixels5.data(), 300, "ImageDataSeq|5"), KV_OK);
+        ASSERT_EQ(w.SetChunk(prefix.data(), 8, pixels6.data(), 300, "ImageDataSeq|6"), KV_OK);
+        Put(w, "ImageDataSeq|7", Pattern(8, 7));  // one page, like "a"
+    });
+    const Bytes good = store.Get();
+    const uint64_t frame5 = 2 * kPage, frame6 = 4 * kPage, frame7 = 6 * kPage;
+    // Moves the entry of `name` from `from` to `to` in the map at the end of the file.
+    auto redirected = [&](const std::string& name, uint64_t from, uint64_t to) {
+        Bytes file = good;
+        const Bytes entry = Join(name, U64(from));
+        auto at = std::search(file.begin() + 7 * kPage, file.end(), entry.begin(), entry.end());
+        EXPECT_NE(at, file.end()) << name;
+        if (at != file.end()) kvbytes::StoreU64(&*at + name.size(), to);
+        return file;
+    };
+    // A chunk named "ImageDataSeq|7!x" where the map expects "ImageDataSeq|7!": its name does not end there.
+    Bytes longerName = good;
+    longerName[frame7 + kChunkHeaderSize + 15] = 'x';
+    // `offset` and `size`: a part the chunk named has, pixels for the frames.
+    struct Case { Bytes file; const char* name; uint64_t offset, size; } cases[] = {
+        {redirected("ImageDataSeq|5!", frame5, frame5 + kPage), "ImageDataSeq|5", 8, 300},
+        {redirected("ImageDataSeq|5!", frame5, frame6), "ImageDataSeq|5", 8, 300},
+        {redirected("ImageDataSeq|6!", frame6, frame7), "ImageDataSeq|6", 8, 300},
+        {redirected("a!", kPage, frame5), "a", 0, 8},
+        {longerName, "ImageDataSeq|7", 0, 8}};
+    for (const Case& k : cases) {
+        SCOPED_TRACE(k.name);
+        store.Put(k.file);
+        auto r = store.Reader();
+        CKvByteArray out("k", 1);
+        SKvChunkHeader h;
+        EXPECT_EQ(r->GetChunk(out, k.name), KV_ERR_FAILED);
+        EXPECT_EQ(r->GetChunkPart(h, out, k.offset, 8, k.name), KV_ERR_FAILED);
+        EXPECT_EQ(ToBytes(out), Bytes{'k'});
+        Bytes buffer(8, 0xAB);
+        h = SKvChunkHeader{};
+        EXPECT_EQ(r->ReadChunkPart(h, buffer.data(), k.offset, 8, k.name), KV_ERR_FAILED);
+        EXPECT_EQ(buffer, Bytes(8, 0xAB));
+        EXPECT_EQ(r->GetChunkHeader(h, k.name), KV_ERR_FAILED);
+        // The frame path reads header and pixels at once, then refuses them.
+        Bytes part(k.size);
+        h = SKvChunkHeader{};
+        EXPECT_EQ(r->ReadAlignedPart(h, part.data(), k.offset, k.size, k.name), KV_ERR_FAILED);
+        std::vector<uint8_t> rest;
+        uint64_t restSize = 0;
+        EXPECT_EQ(r->ReadAlignedRest(h, rest, k.offset, restSize, k.name), KV_ERR_FAILED);
+        EXPECT_EQ(restSize, 0u);
+    }
+    // And undamaged, the frame path reads the pixels.
+    store.Put(good);
+    auto r = store.Reader();
+    Bytes part(300);
+    SKvChunkHeader h;
+    ASSERT_EQ(r->ReadAlignedPart(h, part.data(), 8, 300, "ImageDataSeq|5"), KV_OK);
+    EXPECT_EQ(part, pixels5);
 }
 
 // A map write that fails is reported by Finalize.

@@ -272,30 +272,29 @@ TEST_P(FrameAccessTest, AFrameIsOneWriteAndOneRead) {
     }
 }
 
-// A map entry that points at bytes which are no chunk header: the frame is
-// found by scanning on to the next chunk, as any chunk read does.
-TEST_P(FrameAccessTest, AMapEntryOnGarbageIsResynchronised) {
+// A map entry moved off its frame chunk, onto the frame's own pixel page or
+// onto the next frame: the read fails after its one storage read, and the
+// bytes found there are never taken for the frame asked for.
+TEST_P(FrameAccessTest, AMapEntryOffItsChunkFailsTheRead) {
     for (uint32_t compression : {kCompressionNone, kCompressionZlib}) {
-        const std::vector<Bytes> frames = {Pattern(kWidth * kHeight, 5)};
-        uint64_t garbage = 0, frame = 0;
+        const std::vector<Bytes> frames = {Pattern(kWidth * kHeight, 5), Pattern(kWidth * kHeight, 6)};
+        uint64_t frame0 = 0, frame1 = 0;
         Write(compression, frames, [&](CKvFileChunker& c) {
-            // A chunk whose data is one page without a magic, then frame 0 again.
-            const Bytes filler(kPageSize, 0xEE);
-            ASSERT_EQ(KV_OK, c.SetChunk(filler.data(), kPageSize, "Filler"));
-            garbage = c.GetChunkMap().at("Filler!").position + kPageSize;
-            Bytes prefix(kFramePrefixSize, 0);
-            const Bytes pixels = compression == kCompressionZlib ? TestDeflate(frames[0]) : frames[0];
-            ASSERT_EQ(KV_OK, c.SetChunk(prefix.data(), kFramePrefixSize, pixels.data(),
-                                        static_cast<uint32_t>(pixels.size()), FrameName(0).c_str()));
-            frame = c.GetChunkMap().at(FrameName(0).View()).position;
+            frame0 = c.GetChunkMap().at(FrameName(0).View()).position;
+            frame1 = c.GetChunkMap().at(FrameName(1).View()).position;
         });
-        ASSERT_EQ(garbage + kPageSize, frame);
-        RedirectMapEntry(FrameName(0).c_str(), frame, garbage);
-        auto [reader, storage] = Open();
-        Bytes out(kWidth * kHeight);
-        ASSERT_EQ(KV_OK, reader->GetData(0, out.data(), nullptr, nullptr)) << compression;
-        EXPECT_EQ(out, frames[0]) << compression;
-        EXPECT_EQ(0u, reader->Release());
+        ASSERT_LT(frame0 + kPageSize, frame1);
+        for (uint64_t to : {frame0 + kPageSize, frame1}) {
+            RedirectMapEntry(FrameName(0).c_str(), frame0, to);
+            auto [reader, storage] = Open();
+            Bytes out(kWidth * kHeight);
+            EXPECT_EQ(KV_ERR_FAILED, reader->GetData(0, out.data(), nullptr, nullptr)) << compression << " " << to;
+            EXPECT_EQ(storage->reads, 1) << compression << " " << to;
+            ASSERT_EQ(KV_OK, reader->GetData(1, out.data(), nullptr, nullptr));
+            EXPECT_EQ(out, frames[1]);
+            EXPECT_EQ(0u, reader->Release());
+            RedirectMapEntry(FrameName(0).c_str(), to, frame0);
+        }
     }
 }
 

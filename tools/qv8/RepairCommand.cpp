@@ -35,6 +35,8 @@ int RunRepair(const Qv8Args& args) {
     CQv8ProgressBar bar("rebuilding chunk map");
     r = chunker.CreateMissingChunkMap(nullptr, &bar, bar.IsShown() ? CQv8ProgressBar::Callback : nullptr);
     bar.Finish();
+    if (r != KV_OK && chunker.IsHeldByWriter())
+        return ReportFailure(file, "a writer still has the file open; let it finish or stop it first", r);
     if (r != KV_OK) return ReportFailure(file, "rebuilding the chunk map failed", r);
     const size_t found = CountDataChunks(chunker.GetChunkMap());
     chunker.Finalize();
@@ -49,6 +51,8 @@ const SQv8Command kRepairCommand = {
     "usage: qv8 repair FILE\n"
     "\n"
     "Rebuilds the chunk map of FILE when it has none (its writer did not finish),\n"
-    "by scanning the file for chunks, and reports how many data chunks it found.\n"
-    "A file that has a map is left unchanged. The file is changed in place.\n",
+    "by scanning the whole file for chunks, and reports how many data chunks it\n"
+    "found. Damaged parts are passed over; no byte of the file is removed: the\n"
+    "new map goes after its end. A file that has a map is left unchanged, and a\n"
+    "file that a writer still has open is refused. The file is changed in place.\n",
     RunRepair};
