@@ -77,7 +77,8 @@ bool NormalisedName::IsValidForWriting() const { return IsStorableName(m_view); 
 bool CarriesName(const uint8_t* raw, uint64_t got, const SKvChunkHeader& h, std::string_view name) {
     if (h.magic != kChunkMagic || h.nameLength < name.size() || got < kChunkHeaderSize + name.size()) return false;
     if (std::memcmp(raw + kChunkHeaderSize, name.data(), name.size()) != 0) return false;
-    return h.nameLength == name.size() || (got > kChunkHeaderSize + name.size() && raw[kChunkHeaderSize + name.size()] == 0);
+    const uint64_t end = kChunkHeaderSize + name.size();
+    return h.nameLength == name.size() || (got > end && raw[end] == 0);
 }
 
 }  // namespace
@@ -368,7 +369,7 @@ kv_result CKvFileChunker::Resynchronise(uint64_t from, uint64_t& found) {
 }
 
 // Reads the chunk at `position` (moved to the chunk's real start when the
-// reader was allowed to resynchronise and had to): its header, its name, and its data when
+// reader may resynchronise and had to): its header, its name, and its data when
 // `data` is given. Every length is checked against the storage first.
 kv_result CKvFileChunker::ReadChunkAt(uint64_t& position, SKvChunkHeader& header, CKvStringA& name,
                                       CKvByteArray* data, bool resynchronise) {
@@ -595,7 +596,8 @@ kv_result CKvFileChunker::GetChunkHeader(SKvChunkHeader& header, const char* nam
         const NormalisedName key(name);
         uint64_t at = 0;
         r = LocateInChunk(read, member.position, 0, 0, at, key.View());
-        if (r == KV_OK) r = LocateInChunk(read, member.position, 0, read.dataLength, at, key.View());  // the data is all there
+        // The data is all there.
+        if (r == KV_OK) r = LocateInChunk(read, member.position, 0, read.dataLength, at, key.View());
         if (r == KV_OK) header = read;
         return r;
     });

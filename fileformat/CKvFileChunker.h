@@ -72,6 +72,8 @@ public:
     // map is read and new chunks go after the old map; an empty file is
     // started anew; a container without a map answers KV_ERR_NOT_FOUND and accepts no
     // writes until repaired; anything else KV_ERR_FAILED, and the file is not touched.
+    // A file opened for writing is locked against other writers until
+    // Finalize; one that another writer holds is KV_ERR_FAILED with IsHeldByWriter().
     kv_result Initialize_File(const wchar_t* fileName, bool readOnly, bool openExisting, CKvStringA& version);
     // The same over a byte array, which must outlive the chunker.
     kv_result Initialize_Memory(CKvByteArray& buffer, bool readOnly, bool openExisting, CKvStringA& version);
@@ -79,6 +81,10 @@ public:
     kv_result Initialize_Storage(std::shared_ptr<IKvStorage> storage, bool readOnly, bool openExisting,
                                  CKvStringA& version);
 
+    // Reads through the map: the chunk must start where its map entry says and
+    // carry the name the entry gives it, or the read fails with KV_ERR_FAILED (it
+    // never goes on to another chunk).
+    //
     // Reads the whole data of a chunk ("!" is appended to `name` if missing).
     // KV_ERR_NOT_FOUND for an unknown name, KV_ERR_FAILED for a damaged chunk; `data` is left as it
     // was on failure when the damage is seen before reading the data.
@@ -95,10 +101,10 @@ public:
     // two-part chunk does (a frame's pixels): one look-up in the map, and the
     // header read in the same storage read as the part, checked against the
     // layout the writer gives such a chunk. `header` receives it. Any other
-    // layout or a damaged header falls back to reading as ReadChunkPart does,
-    // resynchronising included. A chunk the map says is too short is refused
-    // before `buffer` is touched; one whose header disagrees with its map
-    // entry may have written `buffer` before it is refused.
+    // layout falls back to reading as ReadChunkPart does. A chunk the map says
+    // is too short is refused before `buffer` is touched; one whose header
+    // disagrees with its map entry, or that is not the chunk named, may have
+    // written `buffer` before it is refused.
     kv_result ReadAlignedPart(SKvChunkHeader& header, void* buffer, uint64_t offset, uint64_t size, const char* name);
     // The same for all data from `offset` to the end of the chunk: `data`
     // grows to hold it (it never shrinks) and `size` gets its length. The

@@ -11,6 +11,7 @@
 
 #include "fileformat/CKvFileChunker.h"
 #include "gnr_metaformats/PictureMetadata.h"
+#include "gnr_system/KvBytes.h"
 #include "gnr_system/CKvLiteVariant.h"
 #include "tests/TestSupport.h"
 #include "tests/tools/ToolRunner.h"
@@ -103,6 +104,45 @@ TEST_F(Qv8ToolTest, RepairRebuildsTheMapOfAnUnfinishedFile) {
     EXPECT_EQ(run.status, 0) << run.err;
     EXPECT_EQ(run.out, torn + ": chunk map rebuilt, 3 chunks found\n");
     EXPECT_EQ(Run({"cat", torn, "big"}).status, 1);
+}
+
+// A file whose writer is still at work is not repaired: the tool says why
+// and leaves it alone; once the writer is done, repair goes ahead.
+TEST_F(Qv8ToolTest, RepairRefusesAFileAWriterHolds) {
+    const std::string file = Path("busy.qv8");
+    CKvFileChunker writer;
+    CKvStringA version("Ver3.0");
+    ASSERT_EQ(writer.Initialize_File(CKvStringUtils::UTF8toW(file.c_str()).c_str(), false, false, version), KV_OK);
+    ASSERT_EQ(writer.SetChunk("12345678", 8, "ImageDataSeq|0"), KV_OK);
+    const std::string before = ReadWholeFile(file);
+    ToolRun run = Run({"repair", file});
+    EXPECT_EQ(run.status, 1);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err, "qv8: " + file + ": a writer still has the file open; let it finish or stop it first (-9)\n");
+    EXPECT_TRUE(ReadWholeFile(file) == before);
+
+    ASSERT_EQ(writer.Finalize(), KV_OK);
+    fs::resize_file(file, fs::file_size(file) - kChunkMapTrailerSize);
+    run = Run({"repair", file});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out, file + ": chunk map rebuilt, 1 chunk found\n");
+}
+
+// Damage in the middle of a file hides nothing after it, and repair removes
+// no byte: a chunk length broken to 2^40 is passed over.
+TEST_F(Qv8ToolTest, RepairKeepsTheChunksAfterDamage) {
+    const std::string file = WriteContainer("hurt.qv8", BinaryData(9000), false);
+    std::string bytes = ReadWholeFile(file);
+    kvbytes::StoreU64(reinterpret_cast<uint8_t*>(&bytes[2 * kPageSize + 8]), uint64_t(1) << 40);  // chunk "a"
+    std::ofstream(file, std::ios::binary | std::ios::trunc) << bytes;
+    ToolRun run = Run({"repair", file});
+    EXPECT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(run.out, file + ": chunk map rebuilt, 3 chunks found\n");
+    const std::string repaired = ReadWholeFile(file);
+    EXPECT_GE(repaired.size(), bytes.size());
+    EXPECT_TRUE(repaired.compare(0, bytes.size(), bytes) == 0);
+    EXPECT_TRUE(Run({"cat", file, "big"}).out == "prefix!!" + BinaryData(9000));
+    EXPECT_EQ(Run({"cat", file, "ImageDataSeq|0"}).out, "12345678");
 }
 
 TEST_F(Qv8ToolTest, FailuresReportOneLineAndExitOne) {
