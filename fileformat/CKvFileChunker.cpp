@@ -807,6 +807,9 @@ kv_result CKvFileChunker::Finalize() {
         if (!m_bFinalized && m_storage.IsOpen() && !m_storage.GetReadOnly() && !m_bChunkMapMissing) {
             r = FlushPendingPage();
             if (r == KV_OK) r = WriteChunkMap();
+            // Success means the file survives a power cut: its bytes (and the
+            // name of a new file) are on the disk before the answer.
+            if (r == KV_OK && m_storage.Sync() != KV_OK) r = KV_ERR_FAILED;
         }
         const kv_result closed = m_storage.Finalize();
         m_bFinalized = true;

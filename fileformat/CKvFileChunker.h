@@ -149,7 +149,8 @@ public:
     // which includes a file that a writer still holds (IsHeldByWriter()).
     kv_result CreateMissingChunkMap(KvChunkCallback onChunk, void* userData, KvProgressCallback progress);
     // Writes the map when the storage is writable and not yet finalized,
-    // then closes the storage. Answers the error of a failed map write.
+    // syncs the storage, then closes it. Answers the error of a failed map
+    // write, KV_ERR_FAILED for a failed sync. The storage is closed either way.
     kv_result Finalize();
 
     const ChunkMap& GetChunkMap() const { return m_mapChunks; }

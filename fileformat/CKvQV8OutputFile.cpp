@@ -230,6 +230,9 @@ kv_result CKvQV8OutputFile_V02::writeFrame(uint32_t sequenceIndex, const void* p
 
 kv_result CKvQV8OutputFile_V02::Finalize() {
     if (m_bFinalized) return KV_OK;
+    // A container closed by a failed Finalize cannot be completed any more;
+    // answering KV_OK now would promise a file that is not there.
+    if (!m_pChunker || m_pChunker->IsFinalized()) return KV_ERR_FAILED;
     return KvNoThrow([&]() -> kv_result {
         const SKvImageAttributes& a = m_sAttributes;
         const kv_result valid =

@@ -157,19 +157,29 @@ protected:
     ~IKvQV8InputFile() = default;
 };
 
-// A writable image file. Frames are appended as they arrive, each on disk
-// when FlushData returns; Finalize completes the file (attributes with the
-// final frame count, acquisition times, the chunk map). Created by
-// IKvImageFormat::CreateOutputImageFile with one reference; it ends through
-// Release. Released without Finalize, a file is left as after a crash: every
-// frame written is there, the map is missing until repair rebuilds it.
+// A writable image file. Frames are appended as they arrive, each handed to
+// the system when FlushData returns; Finalize completes the file (attributes
+// with the final frame count, acquisition times, the chunk map) and makes it
+// durable. Created by IKvImageFormat::CreateOutputImageFile with one
+// reference; it ends through Release. Released without Finalize, a file is
+// left as after a crash: every frame written is there, the map is missing
+// until repair rebuilds it.
+//
+// After a crash at any moment: a frame whose FlushData answered KV_OK
+// survives a crash of the program, and a power cut once the next sync point
+// (Finalize) has passed; everything survives a power cut once Finalize has
+// answered KV_OK. A file without its map is made whole by repair.
 class IKvOutputImageFile {
 public:
     virtual uint32_t AddRef() = 0;
     virtual uint32_t Release() = 0;
-    // Writes what completes the file and closes it; later calls answer KV_OK
-    // and do nothing. A file whose writer never gets here keeps every frame
-    // written, and its map can be rebuilt by repair.
+    // Writes what completes the file, syncs it (and, for a new file, its
+    // directory entry) and closes it: KV_OK means the file survives a power
+    // cut. A failed write or sync answers its error (KV_ERR_FAILED for the
+    // sync); once the file was closed that way, later calls answer
+    // KV_ERR_FAILED, else they try again. After KV_OK, later calls answer
+    // KV_OK and do nothing. A file whose writer never gets here keeps every
+    // frame written, and its map can be rebuilt by repair.
     virtual kv_result Finalize() = 0;
     // The format that created the file (not counted).
     virtual IKvImageFormat* GetImageFormat() = 0;
@@ -194,9 +204,12 @@ public:
     // chunk holds.
     virtual kv_result SetCustomData(const wchar_t* name, const void* data, uint64_t size) = 0;
     // Writes frame `sequenceIndex` from `buffer` (FrameSize() bytes of the
-    // attributes), compressed when the attributes ask for it. KV_ERR_FAILED
-    // before the attributes give the frame a shape, KV_ERR_INVALID_ARG for a
-    // null buffer or a frame larger than a chunk holds.
+    // attributes), compressed when the attributes ask for it. On KV_OK the
+    // frame is in the file's pages handed to the system: it survives a crash
+    // of the program, and a power cut after the next sync point (Finalize).
+    // KV_ERR_FAILED before the attributes give the frame a shape or when the
+    // storage fails (a full disk, say: the frames before stay readable),
+    // KV_ERR_INVALID_ARG for a null buffer or a frame larger than a chunk holds.
     virtual kv_result FlushData(uint32_t sequenceIndex, void* buffer, KvProgressCallback progress, void* userData) = 0;
     virtual kv_result SetCustomDataSeq(const wchar_t* name, uint32_t sequenceIndex, const void* data,
                                        uint64_t size) = 0;

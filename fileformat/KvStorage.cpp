@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <string>
 
 namespace {
 
@@ -55,6 +56,45 @@ bool LockForWriting(int fd, bool& heldByWriter) {
     return !heldByWriter;
 }
 
+int OpenRetrying(const char* path, int flags) {
+    int fd;
+    do {
+        fd = ::open(path, flags, 0666);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+}
+
+// Opens `path`; `created` tells whether this call made the file, which only
+// an exclusive create can tell for sure.
+int OpenDescriptor(const char* path, int flags, bool& created) {
+    created = false;
+    if (flags & O_CREAT) {
+        const int fd = OpenRetrying(path, flags | O_EXCL);
+        if (fd >= 0 || errno != EEXIST) {
+            created = fd >= 0;
+            return fd;
+        }
+    }
+    return OpenRetrying(path, flags);
+}
+
+// The directory that holds `path`: what comes before its last slash.
+std::string ParentDirectory(const std::string& path) {
+    const size_t slash = path.find_last_of('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// fsync of a directory, so that names made in it survive a power cut. A file
+// system that cannot sync directories (EINVAL) has nothing more to offer.
+bool SyncDirectory(const std::string& directory) {
+    const int fd = OpenRetrying(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return false;
+    const bool synced = ::fsync(fd) == 0 || errno == EINVAL;
+    ::close(fd);
+    return synced;
+}
+
 }  // namespace
 
 // ---- file ----
@@ -73,10 +113,8 @@ kv_result CKvPosixStorage::Open(const char* path, EKvOpenMode mode) {
     case EKvOpenMode::UpdateExisting: flags |= O_RDWR; break;
     case EKvOpenMode::UpdateOrCreate: flags |= O_RDWR | O_CREAT; break;
     }
-    int fd;
-    do {
-        fd = ::open(path, flags, 0666);
-    } while (fd < 0 && errno == EINTR);
+    bool created = false;
+    const int fd = OpenDescriptor(path, flags, created);
     if (fd < 0) return KV_ERR_FAILED;
     if (mode != EKvOpenMode::ReadOnly && !LockForWriting(fd, m_bHeldByWriter)) {
         ::close(fd);
@@ -84,6 +122,8 @@ kv_result CKvPosixStorage::Open(const char* path, EKvOpenMode mode) {
     }
     m_nDescriptor = fd;
     m_bReadOnly = mode == EKvOpenMode::ReadOnly;
+    m_strPath = path;
+    m_bDirectoryPending = created;
     return KV_OK;
 }
 
@@ -145,7 +185,18 @@ kv_result CKvPosixStorage::Truncate(uint64_t size) {
 
 kv_result CKvPosixStorage::Sync() {
     if (m_nDescriptor < 0) return KV_ERR_FAILED;
-    return ::fdatasync(m_nDescriptor) == 0 ? KV_OK : KV_ERR_FAILED;
+    int synced;
+    do {
+        synced = ::fdatasync(m_nDescriptor);
+    } while (synced != 0 && errno == EINTR);
+    if (synced != 0) return KV_ERR_FAILED;
+    // The bytes of a new file are of no use after a power cut unless its
+    // directory entry survives as well.
+    if (m_bDirectoryPending) {
+        if (!SyncDirectory(ParentDirectory(m_strPath))) return KV_ERR_FAILED;
+        m_bDirectoryPending = false;
+    }
+    return KV_OK;
 }
 
 kv_result CKvPosixStorage::Close() {

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "gnr_system/CKvByteArray.h"
 #include "gnr_system/KvResult.h"
@@ -40,7 +41,8 @@ public:
     virtual kv_result Size(uint64_t* size) = 0;
     // Cuts or extends (with zeros) the storage to `size` bytes.
     virtual kv_result Truncate(uint64_t size) = 0;
-    // Makes written data durable.
+    // Makes written data durable: once it returns KV_OK the bytes survive a
+    // power cut. KV_ERR_FAILED when the system could not write them out.
     virtual kv_result Sync() = 0;
     // Releases the bytes; every operation afterwards fails with KV_ERR_FAILED.
     virtual kv_result Close() = 0;
@@ -89,6 +91,9 @@ public:
     kv_result Size(uint64_t* size) override;
     // KV_ERR_SET_EOF when ftruncate fails.
     kv_result Truncate(uint64_t size) override;
+    // fdatasync of the file; for a file this storage created, the first
+    // successful Sync also syncs the parent directory, so that the new name
+    // survives along with the bytes. KV_ERR_FAILED when either fails.
     kv_result Sync() override;
     // KV_ERR_FAILED when close fails; the descriptor is given up all the same.
     kv_result Close() override;
@@ -102,6 +107,8 @@ private:
     int m_nDescriptor = -1;
     bool m_bReadOnly = false;
     bool m_bHeldByWriter = false;
+    std::string m_strPath;           // as given to Open: its directory is synced for a new file
+    bool m_bDirectoryPending = false; // created by Open and its directory entry not yet synced
 };
 
 // A CKvByteArray that behaves like a file: writes land at their position and
