@@ -967,5 +967,8 @@ kv_result CKvFileChunker::RebuildChunkMap(KvChunkCallback onChunk, void* userDat
         if (r != KV_OK) return r;
     }
     m_bChunkMapMissing = false;
-    return WriteChunkMap();
+    r = WriteChunkMap();
+    // A repaired file is as durable as one closed by its writer.
+    if (r == KV_OK && m_storage.Sync() != KV_OK) r = KV_ERR_FAILED;
+    return r;
 }
