@@ -472,13 +472,14 @@ CKvFileChunker::EHeadRead CKvFileChunker::ReadHeadAndPart(uint64_t position, std
     uint64_t read = 0;
     if (m_storage.ReadAt(position, spans, size ? 2 : 1, &read) != KV_OK || read < kChunkHeaderSize)
         return EHeadRead::OtherLayout;
+    // Bytes that went into the caller's buffer, whatever the header says.
+    got = read > head ? read - head : 0;
     const SKvChunkHeader found = DecodeHeader(headPage);
     if (found.magic != kChunkMagic) return EHeadRead::WrongChunk;
     const uint64_t inHead = std::min(read, head);
     if (!CarriesName(headPage, inHead, found, name))
         return inHead > kChunkHeaderSize + name.size() ? EHeadRead::WrongChunk : EHeadRead::OtherLayout;
     header = found;
-    got = read > head ? read - head : 0;
     const bool asWritten = kChunkHeaderSize + found.nameLength + offset == head && found.dataLength >= offset;
     return asWritten ? EHeadRead::AsWritten : EHeadRead::OtherLayout;
 }
@@ -498,11 +499,14 @@ kv_result CKvFileChunker::ReadAlignedPart(SKvChunkHeader& header, void* buffer, 
         if (size > 0 && offset <= member.size && size <= member.size - offset) {
             uint64_t got = 0;
             const EHeadRead head = ReadHeadAndPart(position, key.View(), offset, buffer, size, found, got);
-            if (head == EHeadRead::WrongChunk) return KV_ERR_FAILED;
             if (head == EHeadRead::AsWritten && size <= found.dataLength - offset && got == size) {
                 header = found;
                 return KV_OK;
             }
+            // The read went straight into the caller's buffer: what it brought
+            // is not the part asked for, and no bytes of another chunk stay.
+            std::memset(buffer, 0, static_cast<size_t>(got));
+            if (head == EHeadRead::WrongChunk) return KV_ERR_FAILED;
         }
         // Another layout, or damage: the header is read again on its own.
         found = SKvChunkHeader{};
