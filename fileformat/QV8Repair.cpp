@@ -21,6 +21,8 @@ namespace {
 
 // The writer's prefix of a frame without time.
 constexpr double kNoTimePrefix = 0.0;
+// Deflate's best ratio: one 258-byte match per 2 bits or so, about 1032:1.
+constexpr uint64_t kMaxDeflateRatio = 1032;
 
 struct SFoundFrame {
     bool whole = false;
@@ -35,13 +37,17 @@ public:
 
     static int OnChunk(SKvChunkHeader&, CKvStringA& name, CKvByteArray& data, void* self) {
         CRepairScan& scan = *static_cast<CRepairScan*>(self);
+        const bool adding = isAddPhase(name);
         int answer = KV_ERR_CANCELLED;
         const kv_result r = KvNoThrow([&]() -> kv_result {
-            answer = scan.isAddPhase(name) ? scan.addChunk(name, data) : (scan.seeChunk(name, data), KV_OK);
+            answer = adding ? scan.addChunk(name, data) : (scan.seeChunk(name, data), KV_OK);
             return KV_OK;
         });
-        // An allocation failure while adding ends the adding: the map is still written.
-        return r == KV_OK ? answer : KV_ERR_CANCELLED;
+        if (r == KV_OK) return answer;
+        // A failure while adding ends the adding and the repair reports it; the
+        // map is written all the same. One while scanning leaves that chunk unseen.
+        if (adding) scan.m_nResult = r;
+        return KV_ERR_CANCELLED;
     }
 
     static bool OnProgress(double fraction, void* self) {
@@ -126,6 +132,9 @@ bool CRepairScan::isWholeFrame(const CKvByteArray& data) {
     const uint64_t frameSize = m_sAttributes.FrameSize();
     const uint64_t stored = data.GetSize() - kFramePrefixSize;
     if (m_sAttributes.eCompression != kCompressionZlib) return stored >= frameSize;
+    // Deflate shrinks by at most about 1032 to 1: a shorter stream cannot be
+    // a whole frame, and attributes claiming a huge frame cost no memory.
+    if (stored * kMaxDeflateRatio + kPageSize < frameSize) return false;
     if (m_aScratch.size() != frameSize) m_aScratch.assign(frameSize, 0);
     return m_inflater.Inflate(data.GetData() + kFramePrefixSize, stored, m_aScratch.data(), frameSize) == KV_OK;
 }
