@@ -142,3 +142,8 @@ kv_result KV_LoadPictureFromFile(const wchar_t* fileName, SKvPicBuf* picture, do
     file->Release();
     return result;
 }
+
+kv_result CKvImageFormatQV8::RepairFile(const wchar_t* fileName, SKvQV8RepairReport& report,
+                                        KvProgressCallback progress, void* userData) {
+    return KvQV8RepairFile(fileName, report, progress, userData);
+}

@@ -6,6 +6,7 @@
 #include <cstdint>
 
 #include "fileformat/IKvImageFile.h"
+#include "fileformat/QV8Repair.h"
 #include "gnr_picture/SKvPicBuf.h"
 
 class CKvImageFormatQV8 : public IKvImageFormat {
@@ -49,6 +50,12 @@ public:
     // for, and lists the frames stored (CKvQV8InputFile_V02::GetVersionText,
     // GetStoredFrames), so a caller need not open the container itself.
     kv_result CreateInputImageFile(CKvStringW fileName, IKvInputImageFile*& file) override;
+
+    // Recovers a file whose writer never finished, in place, so that it reads
+    // like a file closed normally; see KvQV8RepairFile for what is kept,
+    // rebuilt and reported.
+    static kv_result RepairFile(const wchar_t* fileName, SKvQV8RepairReport& report, KvProgressCallback progress,
+                                void* userData);
 };
 
 // Version number of a signature version text: the decimal number after

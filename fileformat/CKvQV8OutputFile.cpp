@@ -112,8 +112,9 @@ kv_result CKvQV8OutputFile_V02::_GetImageAttributes(SKvImageAttributes& attribut
     return KV_OK;
 }
 
-void CKvQV8OutputFile_V02::normaliseAttributes() {
-    SKvImageAttributes& a = m_sAttributes;
+namespace {
+
+void NormaliseAttributes(SKvImageAttributes& a) {
     a.uiBpcInMemory = static_cast<uint8_t>((a.uiBpcInMemory + 7u) / 8u * 8u);
     if (a.uiTileWidth == 0) a.uiTileWidth = a.uiWidth;
     if (a.uiTileHeight == 0) a.uiTileHeight = a.uiHeight;
@@ -121,24 +122,41 @@ void CKvQV8OutputFile_V02::normaliseAttributes() {
     if (a.uiWidthBytes < rowBytes && rowBytes <= 0xFFFFFFFFull) a.uiWidthBytes = static_cast<uint32_t>(rowBytes);
 }
 
-kv_result CKvQV8OutputFile_V02::saveImageAttributes() {
+}  // namespace
+
+kv_result KvQV8EncodeImageAttributes(SKvImageAttributes& attributes, bool lite, CKvByteArray& bytes) {
     return KvNoThrow([&]() -> kv_result {
-        normaliseAttributes();
+        NormaliseAttributes(attributes);
+        if (lite) {
+            CKvLiteVariantW writer;
+            CKvLiteVariantR encoded;
+            kv_result r = SKvImageAttributes::SaveToLiteVariant(writer, attributes);
+            if (r == KV_OK) r = writer.Finalize(encoded, 0);
+            if (r == KV_OK) bytes = encoded;
+            return r;
+        }
         CKvVariant tree;
-        const kv_result r = BuildNamedTree(tree, kAttributesTreeName, [&](CKvVariant& t) {
-            return SKvImageAttributes::SaveToVariant(t, m_sAttributes);
-        });
-        return r != KV_OK ? r : writeXmlChunk(tree, kChunkAttributes);
+        kv_result r = BuildNamedTree(tree, kAttributesTreeName,
+                                     [&](CKvVariant& t) { return SKvImageAttributes::SaveToVariant(t, attributes); });
+        CKvStringA document;
+        if (r == KV_OK) r = CKvSerializerXMLString::DocumentToXML_UTF8(document, tree);
+        if (r == KV_OK) r = bytes.SetData(document.c_str(), document.Size());
+        return r;
     });
 }
 
+void CKvQV8OutputFile_V02::normaliseAttributes() { NormaliseAttributes(m_sAttributes); }
+
+kv_result CKvQV8OutputFile_V02::saveImageAttributes() {
+    CKvByteArray bytes;
+    const kv_result r = KvQV8EncodeImageAttributes(m_sAttributes, false, bytes);
+    return r != KV_OK ? r : writeBytesChunk(bytes.GetData(), bytes.GetSize(), kChunkAttributes);
+}
+
 kv_result CKvQV8OutputFile_V03::saveImageAttributes() {
-    return KvNoThrow([&]() -> kv_result {
-        normaliseAttributes();
-        CKvLiteVariantW writer;
-        const kv_result r = SKvImageAttributes::SaveToLiteVariant(writer, m_sAttributes);
-        return r != KV_OK ? r : writeLiteChunk(writer, kChunkAttributesLV);
-    });
+    CKvByteArray bytes;
+    const kv_result r = KvQV8EncodeImageAttributes(m_sAttributes, true, bytes);
+    return r != KV_OK ? r : writeBytesChunk(bytes.GetData(), bytes.GetSize(), kChunkAttributesLV);
 }
 
 // ---- frames and times ----
@@ -228,6 +246,16 @@ kv_result CKvQV8OutputFile_V02::writeFrame(uint32_t sequenceIndex, const void* p
                                 name.c_str());
 }
 
+bool KvQV8SettleAcqTimes(CKvByteArray& times, const CKvByteArray& states) {
+    const uint64_t count = std::min<uint64_t>(times.GetSize() / sizeof(double), states.GetSize());
+    bool anyWritten = false;
+    for (uint64_t i = 0; i < count; ++i) {
+        if (states.GetData()[i] == kAcqTimeWritten) anyWritten = true;
+        else kvbytes::StoreF64(times.GetData() + i * sizeof(double), kNoAcqTime);
+    }
+    return anyWritten;
+}
+
 kv_result CKvQV8OutputFile_V02::Finalize() {
     if (m_bFinalized) return KV_OK;
     // A container closed by a failed Finalize cannot be completed any more;
@@ -243,14 +271,9 @@ kv_result CKvQV8OutputFile_V02::Finalize() {
             if (r != KV_OK) return r;
         }
 
-        // Times of frames never written are not trustworthy: they are dropped.
-        const uint64_t count = std::min<uint64_t>(m_aAcqTimes.GetSize() / sizeof(double), m_aAcqTimeStates.GetSize());
-        bool anyWritten = false;
-        for (uint64_t i = 0; i < count; ++i) {
-            if (m_aAcqTimeStates.GetData()[i] == kAcqTimeWritten) anyWritten = true;
-            else kvbytes::StoreF64(m_aAcqTimes.GetData() + i * sizeof(double), kNoAcqTime);
-        }
+        const bool anyWritten = KvQV8SettleAcqTimes(m_aAcqTimes, m_aAcqTimeStates);
         if (anyWritten && !m_bAcqTimesWritten) {
+            const uint64_t count = std::min<uint64_t>(m_aAcqTimes.GetSize() / sizeof(double), m_aAcqTimeStates.GetSize());
             r = writeBytesChunk(m_aAcqTimes.GetData(), count * sizeof(double), kChunkAcqTimes);
             if (r != KV_OK) return r;
             m_bAcqTimesWritten = true;

@@ -21,6 +21,17 @@ constexpr uint8_t kAcqTimeNone = 0;     // no time
 constexpr uint8_t kAcqTimeSet = 1;      // time set, frame not written yet
 constexpr uint8_t kAcqTimeWritten = 2;  // time set and its frame written
 
+// The bytes of the attributes chunk as the writers save it: `attributes`
+// normalised (bits in memory rounded up to whole bytes, zero tile sizes
+// filled, widthBytes raised to what a row needs), then encoded as a lite
+// variant (`lite`, version 3) or a UTF-8 XML document (version 2).
+kv_result KvQV8EncodeImageAttributes(SKvImageAttributes& attributes, bool lite, CKvByteArray& bytes);
+// The rule the writers close the time cache with: every time whose state
+// (one kAcqTime* byte per double of `times`) is not kAcqTimeWritten becomes
+// -1.0, as a time of a frame never written cannot be trusted. True when at
+// least one frame keeps its time: only then is the time chunk written.
+bool KvQV8SettleAcqTimes(CKvByteArray& times, const CKvByteArray& states);
+
 class CKvQV8OutputFile_V02 : public IKvOutputImageFile {
 public:
     // Takes over `chunker`, opened for writing. `existed`: the file was there

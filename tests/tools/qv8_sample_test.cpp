@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -399,6 +400,50 @@ TEST_F(Qv8SampleTest, DiagnosticsOfADamagedFileStayOutOfTheJson) {
     EXPECT_EQ(j["frameCount"].Number(), kFrames);
     EXPECT_EQ(j["experiment"]["loops"].Size(), 3u) << "the rest of the file is still read";
     EXPECT_NE(run.err.find("Wrong variant runtype('kv_int32')"), std::string::npos) << run.err;
+}
+
+// A sample cut inside a frame, as if its writer had been killed there:
+// repair recovers the frames before it with their times, and info and frame
+// then treat the file as one of that many frames.
+TEST_F(Qv8SampleTest, RepairedCutSampleReadsAsAShorterOne) {
+    for (const SSample& s : {kSamples[0], kSamples[1]}) {
+        SCOPED_TRACE(s.name);
+        constexpr uint32_t kCutFrame = 77;
+        const std::string cut = m_tmp.File("cut.qv8");
+        std::filesystem::copy_file(PathOf(s), cut, std::filesystem::copy_options::overwrite_existing);
+        SKvChunkMapMember frame;
+        {
+            CKvFileChunker chunker;
+            CKvStringA version;
+            ASSERT_EQ(chunker.Initialize_File(CKvStringUtils::UTF8toW(PathOf(s).c_str()).c_str(), true, false, version),
+                      KV_OK);
+            ASSERT_TRUE(chunker.GetChunkMap().Find(SKvFrameChunkName(kCutFrame).c_str(), frame));
+        }
+        std::filesystem::resize_file(cut, frame.position + kPageSize + 100);
+
+        ToolRun run = Run({"repair", cut});
+        ASSERT_EQ(run.status, 0) << run.err;
+        const std::string n = std::to_string(kCutFrame);
+        EXPECT_NE(run.out.find(cut + ": " + n + " frames recovered, sequence count " + n + " (was 0)\n"),
+                  std::string::npos) << run.out;
+        EXPECT_NE(run.out.find(cut + ": acquisition times rebuilt for " + n + " frames\n"), std::string::npos)
+            << run.out;
+
+        const STestJson j = STestJson::Parse(Run({"info", "--json", cut}).out);
+        EXPECT_EQ(j["frameCount"].Number(), kCutFrame);
+        EXPECT_EQ(j["framesStored"].Number(), kCutFrame);
+        EXPECT_EQ(j["acquisitionTimes"]["count"].Number(), kCutFrame);
+        EXPECT_EQ(j["acquisitionTimes"]["first"].Number(), Info(s)["acquisitionTimes"]["first"].Number());
+        EXPECT_EQ(j["loops"].Text(), "T 10 × XY 3 × Z 5") << "the header data is kept";
+
+        for (uint32_t index : {0u, kCutFrame - 1}) {
+            run = Run({"frame", cut, std::to_string(index)});
+            ASSERT_EQ(run.status, 0) << run.err;
+            const std::vector<uint8_t> generated = GeneratedFrame(s, index);
+            EXPECT_TRUE(run.out == std::string(generated.begin(), generated.end())) << index;
+        }
+        EXPECT_EQ(Run({"frame", cut, n}).status, 1);
+    }
 }
 
 TEST_F(Qv8SampleTest, ErrorsExplainThemselves) {
