@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -181,6 +182,7 @@ bool WriteExperimentSeeds(const std::string& root) {
 bool WriteQV8Seeds(const std::string& root) {
     const std::string dir = root + "/qv8file";
     mkdir(dir.c_str(), 0755);
+    mkdir((root + "/qv8repair").c_str(), 0755);
     bool ok = true;
     for (uint32_t compression : {kCompressionNone, kCompressionZlib}) {
         const std::string path = dir + (compression == kCompressionNone ? "/raw" : "/zlib");
@@ -215,6 +217,10 @@ bool WriteQV8Seeds(const std::string& root) {
         }
         ok = out->Finalize() == KV_OK && ok;
         out->Release();
+        // The same file serves the repair target, which cuts its trailer.
+        std::ifstream in(path, std::ios::binary);
+        std::ofstream(root + "/qv8repair/" + (compression == kCompressionNone ? "raw" : "zlib"), std::ios::binary)
+            << in.rdbuf();
     }
     return ok;
 }
