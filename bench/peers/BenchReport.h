@@ -12,6 +12,7 @@
 // Store names as they appear in the report.
 constexpr const char* kStoreMemcpy = "memcpy";
 constexpr const char* kStorePlain = "plain";     // POSIX write / pread
+constexpr const char* kStorePlainSync = "plain-sync";  // POSIX write, then fdatasync and the directory's fsync
 constexpr const char* kStoreZlib = "zlib";       // compress2 / uncompress in memory
 constexpr const char* kStoreQv8 = "qv8";
 constexpr const char* kStoreQv8OneThread = "qv8-1t";

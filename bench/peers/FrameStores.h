@@ -63,7 +63,9 @@ public:
 // fastest any store can move the bytes.
 std::unique_ptr<CFrameStore> MakeMemcpyStore();
 // One POSIX write per frame into one file, offsets kept in memory; pread back.
-std::unique_ptr<CFrameStore> MakePosixStore();
+// With `sync`, the file's data and its directory entry are synced before the
+// close, as a file that must survive a power cut is.
+std::unique_ptr<CFrameStore> MakePosixStore(bool sync = false);
 // compress2 of each frame into its own buffer, uncompress back; no file.
 std::unique_ptr<CFrameStore> MakeZlibStore(int level);
 // A QV8 file through the format's output and input files.

@@ -45,6 +45,7 @@ private:
 
 class CPosixStore : public CFrameStore {
 public:
+    explicit CPosixStore(bool sync) : m_bSync(sync) {}
     ~CPosixStore() override { Close(); }
 
     void Write(const std::string& path, const SFrameSet& frames) override {
@@ -56,6 +57,14 @@ public:
             m_offsets.push_back(offset);
             WriteAll(fd, frames.Frame(i), frames.FrameBytes(), path);
             offset += frames.FrameBytes();
+        }
+        if (m_bSync) {
+            Require(fdatasync(fd) == 0, SystemError(path));
+            const size_t slash = path.find_last_of('/');
+            const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+            const int dirFd = open(directory.c_str(), O_RDONLY | O_DIRECTORY);
+            Require(dirFd >= 0 && fsync(dirFd) == 0, SystemError(directory));
+            close(dirFd);
         }
         Require(close(fd) == 0, SystemError(path));
     }
@@ -86,6 +95,7 @@ private:
         }
     }
 
+    bool m_bSync;
     std::vector<uint64_t> m_offsets;  // where each frame starts, as a writer would index them
     int m_fd = -1;
     uint64_t m_frameBytes = 0;
@@ -134,7 +144,7 @@ private:
 }  // namespace
 
 std::unique_ptr<CFrameStore> MakeMemcpyStore() { return std::make_unique<CMemcpyStore>(); }
-std::unique_ptr<CFrameStore> MakePosixStore() { return std::make_unique<CPosixStore>(); }
+std::unique_ptr<CFrameStore> MakePosixStore(bool sync) { return std::make_unique<CPosixStore>(sync); }
 std::unique_ptr<CFrameStore> MakeZlibStore(int level) { return std::make_unique<CZlibStore>(level); }
 
 std::string ZlibVersion() { return zlibVersion(); }

@@ -254,6 +254,7 @@ void RunLargeRaw(CReport& report, const CScratchDir& dir, const SFrameSet& frame
     std::vector<SContender> c;
     c.push_back({kStoreMemcpy, MakeMemcpyStore(), "", true});
     c.push_back({kStorePlain, MakePosixStore(), dir.File("plain.raw"), true});
+    c.push_back({kStorePlainSync, MakePosixStore(true), dir.File("synced.raw"), false});
     c.push_back({kStoreQv8, MakeQv8Store({0, 0}), dir.File("frames.qv8"), true});
     c.push_back({kStoreTiff, MakeTiffStore({0, 1}), dir.File("frames.tif"), true});
     c.push_back({kStoreHdf5, MakeHdf5Store({0, 1}), dir.File("frames.h5"), true});
@@ -303,6 +304,7 @@ void RunSmall(CReport& report, const CScratchDir& dir, const SFrameSet& frames, 
                            readRuns.measured, sizes.smallReads});
     std::vector<SContender> c;
     c.push_back({kStorePlain, MakePosixStore(), dir.File("small.raw"), true});
+    c.push_back({kStorePlainSync, MakePosixStore(true), dir.File("synced-small.raw"), false});
     c.push_back({kStoreQv8, MakeQv8Store({0, 0}), dir.File("small.qv8"), true});
     c.push_back({kStoreTiff, MakeTiffStore({0, 1}), dir.File("small.tif"), true});
     c.push_back({kStoreHdf5, MakeHdf5Store({0, 1}), dir.File("small.h5"), true});
