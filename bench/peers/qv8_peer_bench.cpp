@@ -310,6 +310,15 @@ void RunSmall(CReport& report, const CScratchDir& dir, const SFrameSet& frames, 
     c.push_back({kStoreHdf5, MakeHdf5Store({0, 1}), dir.File("small.h5"), true});
     Progress("W2: writes");
     MeasureWrites(report, group, c, frames, writes);
+    // Only the stores whose reads count are opened and read.
+    for (auto it = c.begin(); it != c.end();) {
+        if (it->reads) {
+            ++it;
+            continue;
+        }
+        RemoveFile(it->path);
+        it = c.erase(it);
+    }
 
     Progress("W2: open and random reads");
     std::vector<uint32_t> picks = Shuffled(frames.count, 11);
