@@ -12,6 +12,8 @@ using Exp = SKvExperiment;
 // Counts are kept in 64 bits but capped here, so that the product of two
 // capped values still fits and a saturated count never wraps.
 constexpr uint64_t kCountCap = std::numeric_limits<uint32_t>::max();
+// Most components the channel superset of a tree may add up to.
+constexpr uint64_t kMaxSupersetComponents = uint64_t{1} << 20;
 
 uint64_t SatAdd(uint64_t a, uint64_t b) { return std::min(kCountCap, std::min(a, kCountCap) + std::min(b, kCountCap)); }
 uint64_t SatMul(uint64_t a, uint64_t b) { return std::min(kCountCap, std::min(a, kCountCap) * std::min(b, kCountCap)); }
@@ -401,7 +403,9 @@ kv_result BuildSuperset(const std::vector<ChannelKey>& keys, SKvExperiment& out)
         if (keys[i].planes) planes->pPlanes[i] = keys[i].planes->pPlanes[keys[i].index];
         comps += planes->pPlanes[i].uiCompCount;
     }
-    if (comps > kCountCap) return KV_ERR_FAILED;
+    // The superset gets one settings byte per component: counts that no
+    // camera delivers come from damaged trees and are refused, not allocated.
+    if (comps > kMaxSupersetComponents) return KV_ERR_FAILED;
     r = SKvPicturePlanes::MakeCompatible(*planes, static_cast<uint32_t>(comps));
     if (KV_FAILED(r)) return r;
     out.uLoopPars.SpectLoop.pPlanes = std::move(planes);

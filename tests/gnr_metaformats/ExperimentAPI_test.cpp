@@ -317,6 +317,14 @@ TEST(ExperimentAPI, SpectralChannelsAndEdits) {
     Tree differ(Attach(Level(Exp::eExpXYPosLoop, 2), {spectral({1, 2}), spectral({2, 3})}));
     EXPECT_TRUE(Api::HasSameLambdaChannels(same.get()));
     EXPECT_FALSE(Api::HasSameLambdaChannels(differ.get()));
+    // Channels whose stored component counts add up past any camera come from
+    // a damaged tree: the superset is refused instead of allocated for.
+    Tree huge(spectral({1, 2}));
+    huge->uLoopPars.SpectLoop.pPlanes->pPlanes[0].uiCompCount = 0x7FFFFFFF;
+    huge->uLoopPars.SpectLoop.pPlanes->pPlanes[1].uiCompCount = 0x7FFFFFFF;
+    SKvExperiment* superset = nullptr;
+    EXPECT_EQ(Api::GetSupersetSpectExp(huge.get(), &superset), KV_ERR_FAILED);
+    EXPECT_EQ(superset, nullptr);
     uint32_t comps = 0;
     EXPECT_EQ(Api::GetSpectCompCount(differ.get(), comps), KV_OK);
     EXPECT_EQ(comps, 3u);
