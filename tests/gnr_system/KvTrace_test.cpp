@@ -33,21 +33,11 @@ void Collect(const char* text, size_t size, void* user) {
     collected->sizes.push_back(size);
 }
 
-// Every test leaves the process with diagnostics on standard output again.
-class DiagnosticSinkTest : public ::testing::Test {
-protected:
-    void TearDown() override { KvSetDiagnosticSink(nullptr, nullptr); }
-};
-
-TEST_F(DiagnosticSinkTest, TakesEveryDiagnosticInsteadOfStandardOutput) {
+// A sink takes every diagnostic, one call each, instead of standard output;
+// setting no sink brings standard output back and forgets the user pointer.
+TEST(DiagnosticSink, SinkReplacesStandardOutputUntilReset) {
     SCollected collected;
     KvSetDiagnosticSink(Collect, &collected);
-    KvDiagnosticSink sink = nullptr;
-    void* user = nullptr;
-    KvGetDiagnosticSink(sink, user);
-    EXPECT_EQ(&Collect, sink);
-    EXPECT_EQ(&collected, user);
-
     CaptureStdout();
     KvPrintDiagnostic(CKvStringA("narrow"));
     KvPrintDiagnostic(CKvStringW(L"wide \u00B5m"));
@@ -57,36 +47,30 @@ TEST_F(DiagnosticSinkTest, TakesEveryDiagnosticInsteadOfStandardOutput) {
     EXPECT_EQ(KV_ERR_FAILED, CKvSerializerXMLString::VariantFromXML(
                                  tree, CKvStringW(L"<variant version=\"1.0\">\n<x runtype=\"kv_int32\" value=\"7\">\n</variant>")));
     EXPECT_EQ("", GetCapturedStdout());
-
     const std::string narrow = "narrow\n", wide = "wide \xC2\xB5m\n", trace = "\nFailure! File: dir/unit.cpp, line: 42\n";
     const std::string xml = "Error: CKvSerializerXMLString::VariantFromXML(); mismatched tag at line 3\n";
-    EXPECT_EQ(narrow + wide + trace + xml, collected.text);
-    EXPECT_EQ((std::vector<size_t>{narrow.size(), wide.size(), trace.size(), xml.size()}), collected.sizes)
-        << "one call per diagnostic";
-}
+    const std::string all = narrow + wide + trace + xml;
+    EXPECT_EQ(all, collected.text);
+    EXPECT_EQ((std::vector<size_t>{narrow.size(), wide.size(), trace.size(), xml.size()}), collected.sizes);
 
-TEST_F(DiagnosticSinkTest, NullSinkIsStandardOutput) {
-    SCollected collected;
-    KvSetDiagnosticSink(Collect, &collected);
     KvSetDiagnosticSink(nullptr, &collected);
     KvDiagnosticSink sink = Collect;
     void* user = &collected;
     KvGetDiagnosticSink(sink, user);
     EXPECT_EQ(nullptr, sink);
-    EXPECT_EQ(nullptr, user) << "a user pointer without a sink is not kept";
-
+    EXPECT_EQ(nullptr, user);
     CaptureStdout();
     KvPrintDiagnostic(CKvStringA("back on stdout"));
     KV_TRACE_FAILURE();
     const std::string printed = GetCapturedStdout();
     EXPECT_EQ(0u, printed.find("back on stdout\n\nFailure! File: ")) << printed;
-    EXPECT_EQ("", collected.text);
+    EXPECT_EQ(all, collected.text);
 }
 
 // Threads print while the sink is swapped back and forth: every diagnostic
 // arrives whole at exactly one sink, and none reaches a sink after it was
 // replaced.
-TEST_F(DiagnosticSinkTest, SwappingWhileThreadsPrintLosesAndSplitsNothing) {
+TEST(DiagnosticSink, SwappingWhileThreadsPrintLosesAndSplitsNothing) {
     constexpr int kThreads = 4, kLines = 2000, kSwaps = 500;
     SCollected a, b;
     KvSetDiagnosticSink(Collect, &a);
@@ -101,8 +85,7 @@ TEST_F(DiagnosticSinkTest, SwappingWhileThreadsPrintLosesAndSplitsNothing) {
         });
     }
     for (int swap = 0; swap < kSwaps || running > 0; ++swap) {
-        SCollected& next = swap % 2 ? a : b;
-        SCollected& previous = swap % 2 ? b : a;
+        SCollected &next = swap % 2 ? a : b, &previous = swap % 2 ? b : a;
         next.retired = false;
         KvSetDiagnosticSink(Collect, &next);
         previous.retired = true;
@@ -110,18 +93,20 @@ TEST_F(DiagnosticSinkTest, SwappingWhileThreadsPrintLosesAndSplitsNothing) {
     for (std::thread& thread : threads) thread.join();
     KvSetDiagnosticSink(nullptr, nullptr);
 
-    EXPECT_EQ(0, a.callsWhileRetired.load());
-    EXPECT_EQ(0, b.callsWhileRetired.load());
+    EXPECT_EQ(0, a.callsWhileRetired + b.callsWhileRetired);
     EXPECT_EQ(static_cast<size_t>(kThreads) * kLines, a.sizes.size() + b.sizes.size());
+    // Cut each sink's text at the sizes it was called with: each piece must be
+    // one whole line of one thread.
+    const std::string tail = " says something went wrong\n";
     for (const SCollected* c : {&a, &b}) {
-        for (size_t at = 0; at < c->text.size();) {
-            const size_t end = c->text.find('\n', at);
-            ASSERT_NE(std::string::npos, end);
-            const std::string line = c->text.substr(at, end - at);
-            EXPECT_EQ(0u, line.rfind("thread ", 0)) << line;
-            EXPECT_EQ(std::string::npos, line.find("thread ", 1)) << "two diagnostics ran together: " << line;
-            at = end + 1;
+        size_t at = 0;
+        for (size_t size : c->sizes) {
+            const std::string piece = c->text.substr(at, size);
+            at += size;
+            ASSERT_TRUE(piece.size() == 8 + tail.size() && piece.rfind("thread ", 0) == 0 && piece.substr(8) == tail)
+                << piece;
         }
+        EXPECT_EQ(at, c->text.size());
     }
 }
 
