@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -89,28 +90,26 @@ TEST(PictureSequence, HostileInputIsBounded) {
 
     // Absurd counts: what is present is taken, validity never shorter than the count.
     CKvLiteVariantW absurd;
+    const uint32_t kHuge = 4000000000u;
+    auto threeItems = [&absurd](const wchar_t* list, const std::function<void(int)>& fill) {
+        absurd.LevelBegin(list);
+        for (int i = 0; i < 3; ++i) {
+            absurd.LevelBegin(nullptr);
+            fill(i);
+            absurd.LevelEnd();
+        }
+        absurd.LevelEnd();
+    };
     absurd.LevelBegin(L"SKvExperiment");
     absurd.Set(uint32_t{Exp::eExpXYPosLoop}, L"eType");
     absurd.LevelBegin(L"uLoopPars");
-    absurd.Set(uint32_t{4000000000u}, L"uiCount");
-    absurd.LevelBegin(L"Points");
-    for (int i = 0; i < 3; ++i) {
-        absurd.LevelBegin(nullptr);
-        absurd.Set(double(i), L"dPosX");
-        absurd.LevelEnd();
-    }
-    absurd.LevelEnd();
+    absurd.Set(kHuge, L"uiCount");
+    threeItems(L"Points", [&](int i) { absurd.Set(double(i), L"dPosX"); });
     absurd.LevelEnd();
     const uint8_t valid[2] = {1, 0};
     absurd.Set(valid, 2, L"pItemValid");
-    absurd.Set(uint32_t{4000000000u}, L"uiNextLevelCount");
-    absurd.LevelBegin(L"ppNextLevelEx");
-    for (int i = 0; i < 3; ++i) {
-        absurd.LevelBegin(nullptr);
-        absurd.Set(uint32_t{4000000000u}, L"eType");
-        absurd.LevelEnd();
-    }
-    absurd.LevelEnd();
+    absurd.Set(kHuge, L"uiNextLevelCount");
+    threeItems(L"ppNextLevelEx", [&](int) { absurd.Set(kHuge, L"eType"); });
     absurd.LevelEnd();
     CKvLiteVariantR absurdReader = Finish(absurd);
     Exp e;
