@@ -12,7 +12,6 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -35,6 +34,7 @@ using Bytes = std::vector<uint8_t>;
 
 constexpr uint32_t kWidth = 64, kHeight = 48;
 constexpr uint32_t kFrameCount = 4;
+constexpr size_t kFrameSize = kWidth * kHeight;
 
 Bytes Pattern(size_t size, uint8_t seed) {
     Bytes b(size);
@@ -42,7 +42,7 @@ Bytes Pattern(size_t size, uint8_t seed) {
     return b;
 }
 
-Bytes FramePixels(uint32_t index) { return Pattern(kWidth * kHeight, static_cast<uint8_t>(index + 1)); }
+Bytes FramePixels(uint32_t index, size_t size = kFrameSize) { return Pattern(size, static_cast<uint8_t>(index + 1)); }
 double FrameTime(uint32_t index) { return 0.25 + index; }
 
 // ---- the faulty storage ----
@@ -50,24 +50,17 @@ double FrameTime(uint32_t index) { return 0.25 + index; }
 enum EOp { kOpWrite, kOpSync, kOpTruncate, kOpRead, kOpCount };
 const char* const kOpNames[kOpCount] = {"write", "sync", "truncate", "read"};
 
-enum class EFault {
-    DiskFull,  // nothing written, and the disk stays full
-    IoError,   // this one call fails, nothing changes
-    Short,     // a write lands in part, then the disk is full; a read returns half
+enum EFault {
+    kDiskFull,  // nothing written, and the disk stays full
+    kIoError,   // this one call fails, nothing changes
+    kShort,     // a write lands in part, then the disk is full; a read returns half
 };
-const char* FaultName(EFault f) {
-    switch (f) {
-    case EFault::DiskFull: return "disk-full";
-    case EFault::IoError: return "io-error";
-    case EFault::Short: return "short";
-    }
-    return "?";
-}
+const char* const kFaultNames[] = {"disk-full", "io-error", "short"};
 
 // Where to strike: the `at`-th call (from 0) of `op`; -1 never.
 struct SFault {
     EOp op = kOpWrite;
-    EFault kind = EFault::IoError;
+    EFault kind = kIoError;
     int at = -1;
 };
 
@@ -80,10 +73,9 @@ public:
     kv_result ReadAt(uint64_t position, const SKvIoSpan* spans, size_t count, uint64_t* read) override {
         if (!Strike(kOpRead)) return m_pInner->ReadAt(position, spans, count, read);
         if (read) *read = 0;
-        if (m_fault.kind != EFault::Short) return KV_ERR_FAILED;
+        if (m_fault.kind != kShort) return KV_ERR_FAILED;
         // A read that comes up short as at the end of the storage.
-        std::vector<SKvIoSpan> half(spans, spans + count);
-        TrimTo(half, Total(spans, count) / 2);
+        const auto half = Halved(spans, count);
         return m_pInner->ReadAt(position, half.data(), half.size(), read);
     }
     kv_result WriteAt(uint64_t position, const SKvIoPart* parts, size_t count, uint64_t* written) override {
@@ -91,11 +83,10 @@ public:
         const bool strike = Strike(kOpWrite);
         if (!strike && !m_bDiskFull) return m_pInner->WriteAt(position, parts, count, written);
         struck = true;
-        if (!strike || m_fault.kind == EFault::IoError) return KV_ERR_FAILED;
+        if (!strike || m_fault.kind == kIoError) return KV_ERR_FAILED;
         m_bDiskFull = true;
-        if (m_fault.kind == EFault::Short) {
-            std::vector<SKvIoPart> half(parts, parts + count);
-            TrimTo(half, Total(parts, count) / 2);
+        if (m_fault.kind == kShort) {
+            const auto half = Halved(parts, count);
             m_pInner->WriteAt(position, half.data(), half.size(), written);
         }
         return KV_ERR_FAILED;
@@ -104,17 +95,11 @@ public:
     kv_result Truncate(uint64_t size) override {
         uint64_t now = 0;
         const bool grows = m_pInner->Size(&now) == KV_OK && size > now;
-        if (Strike(kOpTruncate) || (m_bDiskFull && grows)) {
-            struck = true;
-            return KV_ERR_SET_EOF;
-        }
+        if (Strike(kOpTruncate) || (m_bDiskFull && grows)) return struck = true, KV_ERR_SET_EOF;
         return m_pInner->Truncate(size);
     }
     kv_result Sync() override {
-        if (Strike(kOpSync)) {
-            struck = true;
-            return KV_ERR_FAILED;
-        }
+        if (Strike(kOpSync)) return struck = true, KV_ERR_FAILED;
         return m_pInner->Sync();
     }
     kv_result Close() override { return m_pInner->Close(); }
@@ -126,18 +111,15 @@ public:
 private:
     bool Strike(EOp op) { return calls[op]++ == m_fault.at && m_fault.op == op; }
 
+    // The first half of the bytes the pieces cover.
     template <typename Piece>
-    static uint64_t Total(const Piece* pieces, size_t count) {
-        uint64_t total = 0;
-        for (size_t i = 0; i < count; ++i) total += pieces[i].size;
-        return total;
-    }
-    template <typename Piece>
-    static void TrimTo(std::vector<Piece>& pieces, uint64_t keep) {
-        for (Piece& p : pieces) {
-            p.size = std::min(p.size, keep);
-            keep -= p.size;
-        }
+    static std::vector<Piece> Halved(const Piece* pieces, size_t count) {
+        std::vector<Piece> half(pieces, pieces + count);
+        uint64_t keep = 0;
+        for (const Piece& p : half) keep += p.size;
+        keep /= 2;
+        for (Piece& p : half) keep -= (p.size = std::min(p.size, keep));
+        return half;
     }
 
     std::shared_ptr<IKvStorage> m_pInner;
@@ -153,13 +135,12 @@ bool IsDocumentedFailure(kv_result r) {
 
 // ---- the sessions ----
 
-SKvImageAttributes Attributes(uint32_t compression) {
+SKvImageAttributes Attributes(uint32_t compression, uint32_t width = kWidth, uint32_t height = kHeight) {
     SKvImageAttributes a;
-    a.uiWidth = kWidth;
-    a.uiHeight = kHeight;
+    a.uiWidth = a.uiWidthBytes = width;
+    a.uiHeight = height;
     a.uiComp = 1;
     a.uiBpcInMemory = a.uiBpcSignificant = 8;
-    a.uiWidthBytes = kWidth;
     a.eCompression = compression;
     a.dCompressionParam = 6;
     return a;
@@ -169,6 +150,12 @@ SKvImageTextInfo TextInfo() {
     SKvImageTextInfo info;
     info.aItems[3] = L"description";
     return info;
+}
+
+// Opens a container for reading over `storage`.
+kv_result OpenChunker(CKvFileChunker& chunks, std::shared_ptr<IKvStorage> storage) {
+    CKvStringA version;
+    return chunks.Initialize_Storage(std::move(storage), true, false, version);
 }
 
 struct SWriteSession {
@@ -195,12 +182,6 @@ SWriteSession WriteSession(std::shared_ptr<IKvStorage> inner, SFault fault, uint
     const SKvExperiment experiment;
     const CKvByteArray binary("binary layer", 12);
     const Bytes custom = Pattern(5000, 9);
-    std::vector<std::pair<const char*, std::function<kv_result()>>> steps = {
-        {"open", [&] { return opened; }},
-        {"attributes", [&] { return writer->SetImageAttributes(Attributes(compression)); }},
-        {"experiment", [&] { return writer->SetImageMetadata(experiment, nullptr); }},
-        {"text-info", [&] { return writer->SetImageTextInfo(TextInfo()); }},
-    };
     const auto frame = [&](uint32_t i) {
         return [&, i] {
             kv_result r = writer->SetAcqTime(FrameTime(i));
@@ -211,17 +192,20 @@ SWriteSession WriteSession(std::shared_ptr<IKvStorage> inner, SFault fault, uint
             return r;
         };
     };
-    steps.push_back({"frame", frame(0)});
-    steps.push_back({"frame", frame(1)});
-    steps.push_back({"binary", [&] { return writer->SetImageBinary(const_cast<CKvByteArray*>(&binary)); }});
-    steps.push_back({"custom", [&] { return writer->SetCustomData(L"Notes", custom.data(), custom.size()); }});
+    std::vector<std::pair<const char*, std::function<kv_result()>>> steps = {
+        {"open", [&] { return opened; }},
+        {"attributes", [&] { return writer->SetImageAttributes(Attributes(compression)); }},
+        {"experiment", [&] { return writer->SetImageMetadata(experiment, nullptr); }},
+        {"text-info", [&] { return writer->SetImageTextInfo(TextInfo()); }},
+        {"frame", frame(0)},
+        {"frame", frame(1)},
+        {"binary", [&] { return writer->SetImageBinary(const_cast<CKvByteArray*>(&binary)); }},
+        {"custom", [&] { return writer->SetCustomData(L"Notes", custom.data(), custom.size()); }},
+    };
     for (uint32_t i = 2; i < kFrameCount; ++i) steps.push_back({"frame", frame(i)});
-    steps.push_back({"finalize", [&] {
-                         const kv_result r = writer->Finalize();
-                         s.finalized = r == KV_OK;
-                         return r;
-                     }});
+    steps.push_back({"finalize", [&] { return writer->Finalize(); }});
 
+    s.finalized = true;
     for (auto& [name, step] : steps) {
         const kv_result r = step();
         if (r == KV_OK) continue;
@@ -247,47 +231,46 @@ CKvStringA FrameName(uint32_t index) {
 
 // The frame as stored, checked against what was written: the time prefix,
 // then the pixels, raw or inflated.
-::testing::AssertionResult FrameIsIntact(CKvFileChunker& chunks, uint32_t index, uint32_t compression) {
+::testing::AssertionResult FrameIsIntact(CKvFileChunker& chunks, uint32_t index, uint32_t compression,
+                                         size_t size) {
+    const auto fail = [&](const char* what) { return ::testing::AssertionFailure() << "frame " << index << what; };
     CKvByteArray data;
-    const kv_result r = chunks.GetChunk(data, FrameName(index).c_str());
-    if (r != KV_OK) return ::testing::AssertionFailure() << "frame " << index << " not read: " << r;
-    if (data.GetSize() < kFramePrefixSize) return ::testing::AssertionFailure() << "frame " << index << " too short";
-    if (kvbytes::LoadF64(data.GetData()) != FrameTime(index))
-        return ::testing::AssertionFailure() << "frame " << index << " lost its time";
+    if (chunks.GetChunk(data, FrameName(index).c_str()) != KV_OK) return fail(" not read");
+    if (data.GetSize() < kFramePrefixSize) return fail(" too short");
+    if (kvbytes::LoadF64(data.GetData()) != FrameTime(index)) return fail(" lost its time");
     Bytes pixels(data.GetData() + kFramePrefixSize, data.GetData() + data.GetSize());
     if (compression == kCompressionZlib) {
-        Bytes raw(kWidth * kHeight);
-        uLongf size = raw.size();
-        if (uncompress(raw.data(), &size, pixels.data(), pixels.size()) != Z_OK || size != raw.size())
-            return ::testing::AssertionFailure() << "frame " << index << " does not inflate";
+        Bytes raw(size);
+        uLongf inflated = raw.size();
+        if (uncompress(raw.data(), &inflated, pixels.data(), pixels.size()) != Z_OK || inflated != raw.size())
+            return fail(" does not inflate");
         pixels = raw;
     }
-    if (pixels != FramePixels(index)) return ::testing::AssertionFailure() << "frame " << index << " differs";
-    return ::testing::AssertionSuccess();
+    return pixels == FramePixels(index, size) ? ::testing::AssertionSuccess() : fail(" differs");
 }
 
-enum class EOutcome { Complete, Repaired, Empty };
+enum EOutcome { kComplete, kRepaired, kEmpty };
 
 // Opens `bytes` as a container (repairing it when its map is missing) and
 // checks every acknowledged frame. Empty: not even a signature, which is
 // only acceptable when no frame was acknowledged.
-EOutcome CheckLeftBytes(const CKvByteArray& bytes, const SWriteSession& s, uint32_t compression) {
+EOutcome CheckLeftBytes(const CKvByteArray& bytes, const SWriteSession& s, uint32_t compression,
+                        size_t frameSize = kFrameSize) {
     CKvByteArray copy(bytes);
     CKvFileChunker chunks;
-    CKvStringA version;
-    const kv_result opened = chunks.Initialize_Storage(std::make_shared<CKvMemoryStorage>(copy), true, false, version);
-    EOutcome outcome = EOutcome::Complete;
+    const kv_result opened = OpenChunker(chunks, std::make_shared<CKvMemoryStorage>(copy));
+    EOutcome outcome = kComplete;
     if (opened == KV_ERR_NOT_FOUND && chunks.IsChunkMapMissing()) {
         EXPECT_FALSE(s.finalized) << "Finalize answered KV_OK for a file without its map";
         // Repair rebuilds the map from the chunks themselves.
         EXPECT_EQ(KV_OK, chunks.CreateMissingChunkMap(nullptr, nullptr, nullptr));
-        outcome = EOutcome::Repaired;
+        outcome = kRepaired;
     } else if (opened != KV_OK) {
         EXPECT_TRUE(s.acknowledged.empty()) << "frames acknowledged into a file that is no container";
         EXPECT_FALSE(s.finalized);
-        return EOutcome::Empty;
+        return kEmpty;
     }
-    for (uint32_t i : s.acknowledged) EXPECT_TRUE(FrameIsIntact(chunks, i, compression));
+    for (uint32_t i : s.acknowledged) EXPECT_TRUE(FrameIsIntact(chunks, i, compression, frameSize));
     return outcome;
 }
 
@@ -296,20 +279,15 @@ EOutcome CheckLeftBytes(const CKvByteArray& bytes, const SWriteSession& s, uint3
 void ExpectReadable(const CKvByteArray& bytes, uint32_t frames) {
     CKvByteArray copy(bytes);
     auto chunker = std::make_unique<CKvFileChunker>();
-    CKvStringA version;
-    ASSERT_EQ(KV_OK, chunker->Initialize_Storage(std::make_shared<CKvMemoryStorage>(copy), true, false, version));
+    ASSERT_EQ(KV_OK, OpenChunker(*chunker, std::make_shared<CKvMemoryStorage>(copy)));
     auto* reader = new CKvQV8InputFile_V03(nullptr, std::move(chunker));
     // Attributes are written with the first frame: a file finalized before
     // any frame made it may have none.
     SKvImageAttributes a;
     const kv_result attributes = reader->GetImageAttributes(a);
-    if (frames) {
-        EXPECT_EQ(KV_OK, attributes);
-    }
-    if (attributes == KV_OK) {
-        EXPECT_EQ(frames, a.uiSequenceCount);
-    }
-    Bytes out(kWidth * kHeight);
+    EXPECT_TRUE(!frames || attributes == KV_OK) << attributes;
+    if (attributes == KV_OK) { EXPECT_EQ(frames, a.uiSequenceCount); }
+    Bytes out(kFrameSize);
     for (uint32_t i = 0; i < frames; ++i) {
         EXPECT_EQ(KV_OK, reader->GetData(i, out.data(), nullptr, nullptr));
         EXPECT_EQ(FramePixels(i), out) << "frame " << i;
@@ -319,60 +297,77 @@ void ExpectReadable(const CKvByteArray& bytes, uint32_t frames) {
 
 // ---- the table of outcomes ----
 
-struct SRow {
-    int sessions = 0, failedAsDocumented = 0, complete = 0, repaired = 0, empty = 0;
-};
+// Per fault and step: sessions, sessions failed with documented codes, and
+// what was left: complete, repaired, empty.
+enum EColumn { kSessions, kFailed, kCompleteCol, kRepairedCol, kEmptyCol, kColumns };
+const char* const kColumnNames[kColumns] = {"sessions", "failed", "complete", "repaired", "empty"};
+using SRow = std::array<int, kColumns>;
 
 class CFaultTable {
 public:
     void Add(const std::string& fault, const std::string& step, const SRow& r) {
         SRow& row = m_rows[{fault, step}];
-        row.sessions += r.sessions;
-        row.failedAsDocumented += r.failedAsDocumented;
-        row.complete += r.complete;
-        row.repaired += r.repaired;
-        row.empty += r.empty;
+        for (int c = 0; c < kColumns; ++c) row[c] += r[c];
     }
     // One line per fault and step, printed and kept as test properties.
     void Print(const char* title) const {
-        std::printf("%s\n%-26s %-11s %8s %8s %8s %8s %6s\n", title, "fault", "step", "sessions", "failed",
-                    "complete", "repaired", "empty");
+        std::printf("%s\n%-26s %-11s", title, "fault", "step");
+        for (const char* name : kColumnNames) std::printf(" %8s", name);
         for (const auto& [key, r] : m_rows) {
-            std::printf("%-26s %-11s %8d %8d %8d %8d %6d\n", key.first.c_str(), key.second.c_str(), r.sessions,
-                        r.failedAsDocumented, r.complete, r.repaired, r.empty);
-            char value[96];
-            std::snprintf(value, sizeof value, "sessions=%d failed=%d complete=%d repaired=%d empty=%d", r.sessions,
-                          r.failedAsDocumented, r.complete, r.repaired, r.empty);
+            std::printf("\n%-26s %-11s", key.first.c_str(), key.second.c_str());
+            std::string value;
+            for (int c = 0; c < kColumns; ++c) {
+                std::printf(" %8d", r[c]);
+                value += std::string(c ? " " : "") + kColumnNames[c] + "=" + std::to_string(r[c]);
+            }
             ::testing::Test::RecordProperty(key.first + "@" + key.second, value);
         }
+        std::printf("\n");
     }
 
 private:
     std::map<std::pair<std::string, std::string>, SRow> m_rows;
 };
 
-// The faults tried on each kind of call.
-std::vector<std::pair<EOp, EFault>> FaultKinds(bool reading) {
-    if (reading) return {{kOpRead, EFault::IoError}, {kOpRead, EFault::Short}};
-    return {{kOpWrite, EFault::DiskFull}, {kOpWrite, EFault::IoError}, {kOpWrite, EFault::Short},
-            {kOpSync, EFault::IoError},   {kOpTruncate, EFault::IoError}, {kOpRead, EFault::IoError}};
+// Runs `session` with each fault on each call of its kind, `calls` giving how
+// many calls of each kind a clean session makes, and tabulates the rows.
+void EveryFault(const std::vector<std::pair<EOp, EFault>>& faults, const std::array<int, kOpCount>& calls,
+                CFaultTable& table, const std::function<SRow(SFault, std::string&)>& session) {
+    for (const auto& [op, kind] : faults) {
+        const std::string fault = std::string(kOpNames[op]) + "/" + kFaultNames[kind];
+        for (int at = 0; at < calls[op]; ++at) {
+            SCOPED_TRACE(fault + " at call " + std::to_string(at));
+            std::string step = "none";
+            const SRow row = session(SFault{op, kind, at}, step);
+            table.Add(fault, step, row);
+        }
+    }
 }
 
-// The storage a session runs on: memory, or a new file in `dir`. `bytes`
-// gets what it holds afterwards.
+std::string Text(const CKvByteArray& bytes) {
+    return std::string(reinterpret_cast<const char*>(bytes.GetData()), bytes.GetSize());
+}
+
+// The storage a session runs on: memory, or a file in `dir`; new and empty,
+// or holding `content` and opened read-only.
 class CSessionStorage {
 public:
-    CSessionStorage(bool file, const CTestTempDir& dir, int counter) : m_bFile(file) {
+    CSessionStorage(bool file, const CTestTempDir& dir, int counter, const CKvByteArray* content = nullptr)
+        : m_bFile(file) {
+        if (content) m_array = *content;
         if (!file) {
             m_pStorage = std::make_shared<CKvMemoryStorage>(m_array);
             return;
         }
+        using Mode = CKvPosixStorage::EKvOpenMode;
         m_strPath = dir.File(("s" + std::to_string(counter) + ".qv8").c_str());
+        if (content) std::ofstream(m_strPath, std::ios::binary) << Text(*content);
         auto posix = std::make_shared<CKvPosixStorage>();
-        EXPECT_EQ(KV_OK, posix->Open(m_strPath.c_str(), CKvPosixStorage::EKvOpenMode::UpdateOrCreate));
+        EXPECT_EQ(KV_OK, posix->Open(m_strPath.c_str(), content ? Mode::ReadOnly : Mode::UpdateOrCreate));
         m_pStorage = posix;
     }
     std::shared_ptr<IKvStorage> Storage() const { return m_pStorage; }
+    // What the storage holds afterwards.
     CKvByteArray Bytes() {
         if (!m_bFile) return m_array;
         m_pStorage->Close();
@@ -411,35 +406,26 @@ TEST_P(FaultInjectionTest, EveryStepOfAWritingSession) {
         ASSERT_GE(reference.calls[kOpSync], 1) << "Finalize must sync before it answers";
         ExpectReadable(clean.Bytes(), kFrameCount);
 
-        for (const auto& [op, kind] : FaultKinds(false)) {
-            const std::string fault = std::string(kOpNames[op]) + "/" + FaultName(kind);
-            for (int at = 0; at < reference.calls[op]; ++at) {
-                SCOPED_TRACE(fault + " at call " + std::to_string(at));
-                CSessionStorage storage(GetParam(), m_dir, m_nCounter++);
-                const SWriteSession s = WriteSession(storage.Storage(), SFault{op, kind, at}, compression);
-                SRow row;
-                row.sessions = 1;
-                // A write, sync or cut that failed is never swallowed.
-                if (s.struck) {
-                    EXPECT_FALSE(s.failures.empty()) << "a storage failure went unreported";
-                }
-                bool documented = true;
-                for (kv_result r : s.failures) {
-                    EXPECT_TRUE(IsDocumentedFailure(r)) << "answered " << r;
-                    documented = documented && IsDocumentedFailure(r);
-                }
-                if (!s.failures.empty() && documented) ++row.failedAsDocumented;
-                const CKvByteArray bytes = storage.Bytes();
-                switch (CheckLeftBytes(bytes, s, compression)) {
-                case EOutcome::Complete: ++row.complete; break;
-                case EOutcome::Repaired: ++row.repaired; break;
-                case EOutcome::Empty: ++row.empty; break;
-                }
-                // Frames are written in order, so the acknowledged ones are 0 to n-1.
-                if (s.finalized) ExpectReadable(bytes, static_cast<uint32_t>(s.acknowledged.size()));
-                table.Add(fault, s.failures.empty() ? "none" : s.failedStep, row);
-            }
-        }
+        const std::vector<std::pair<EOp, EFault>> faults = {{kOpWrite, kDiskFull}, {kOpWrite, kIoError},
+                                                            {kOpWrite, kShort},    {kOpSync, kIoError},
+                                                            {kOpTruncate, kIoError}, {kOpRead, kIoError}};
+        EveryFault(faults, reference.calls, table, [&](SFault fault, std::string& step) {
+            CSessionStorage storage(GetParam(), m_dir, m_nCounter++);
+            const SWriteSession s = WriteSession(storage.Storage(), fault, compression);
+            // A write, sync or cut that failed is never swallowed.
+            EXPECT_TRUE(!s.struck || !s.failures.empty()) << "a storage failure went unreported";
+            // Nor is a failed sync forgotten by the Finalize asked again.
+            EXPECT_TRUE(fault.op != kOpSync || !s.finalized) << "Finalize after a failed sync answered KV_OK";
+            for (kv_result r : s.failures) EXPECT_TRUE(IsDocumentedFailure(r)) << "answered " << r;
+            const bool documented = std::all_of(s.failures.begin(), s.failures.end(), IsDocumentedFailure);
+            SRow row{1, !s.failures.empty() && documented};
+            const CKvByteArray bytes = storage.Bytes();
+            ++row[kCompleteCol + CheckLeftBytes(bytes, s, compression)];
+            // Frames are written in order, so the acknowledged ones are 0 to n-1.
+            if (s.finalized) ExpectReadable(bytes, static_cast<uint32_t>(s.acknowledged.size()));
+            if (!s.failures.empty()) step = s.failedStep;
+            return row;
+        });
     }
     table.Print(GetParam() ? "Writing session on a file" : "Writing session in memory");
 }
@@ -449,38 +435,27 @@ TEST_P(FaultInjectionTest, EveryStepOfAWritingSession) {
 // written. In its table "complete" counts sessions in which every answer was
 // right all the same (a frame read that meets a fault is retried the slow way).
 TEST_P(FaultInjectionTest, EveryStepOfAReadingSession) {
-    CFaultTable table;
     CSessionStorage clean(GetParam(), m_dir, m_nCounter++);
     ASSERT_TRUE(WriteSession(clean.Storage(), SFault{}, kCompressionZlib).finalized);
     const CKvByteArray bytes = clean.Bytes();
-    const std::string path = m_dir.File("read.qv8");
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.GetData()),
-                                                static_cast<std::streamsize>(bytes.GetSize()));
-    // What a session reads from: a copy in memory, or the file opened read-only.
-    const auto open = [&](CKvByteArray& copy) -> std::shared_ptr<IKvStorage> {
-        if (!GetParam()) return std::make_shared<CKvMemoryStorage>(copy);
-        auto file = std::make_shared<CKvPosixStorage>();
-        EXPECT_EQ(KV_OK, file->Open(path.c_str(), CKvPosixStorage::EKvOpenMode::ReadOnly));
-        return file;
-    };
 
-    // `struckStep` gets the step whose reads met the fault.
-    const auto session = [&](SFault fault, SRow& row, std::string& struckStep) {
-        CKvByteArray copy(bytes);
-        auto storage = std::make_shared<CFaultyStorage>(open(copy), fault);
+    // `struckStep` gets the step whose reads met the fault; `reads` the reads made.
+    int reads = 0;
+    const auto session = [&](SFault fault, std::string& struckStep) {
+        CSessionStorage original(GetParam(), m_dir, m_nCounter++, &bytes);
+        auto storage = std::make_shared<CFaultyStorage>(original.Storage(), fault);
         auto chunker = std::make_unique<CKvFileChunker>();
-        CKvStringA version;
-        std::vector<kv_result> failures;
+        bool failed = false;
         int readsBefore = 0;
         const auto note = [&](const char* step, kv_result r) {
             if (readsBefore <= fault.at && fault.at < storage->calls[kOpRead]) struckStep = step;
             readsBefore = storage->calls[kOpRead];
             if (r == KV_OK) return true;
             EXPECT_TRUE(IsDocumentedFailure(r)) << step << " answered " << r;
-            failures.push_back(r);
+            failed = true;
             return false;
         };
-        if (note("open", chunker->Initialize_Storage(storage, true, false, version))) {
+        if (note("open", OpenChunker(*chunker, storage))) {
             auto* reader = new CKvQV8InputFile_V03(nullptr, std::move(chunker));
             SKvImageAttributes a;
             if (note("attributes", reader->GetImageAttributes(a))) {
@@ -490,14 +465,12 @@ TEST_P(FaultInjectionTest, EveryStepOfAReadingSession) {
             SKvExperiment experiment;
             note("experiment", reader->GetImageMetadata(experiment, nullptr));
             SKvImageTextInfo info;
-            if (note("text-info", reader->GetImageTextInfo(info))) {
-                EXPECT_EQ(TextInfo(), info);
-            }
+            if (note("text-info", reader->GetImageTextInfo(info))) { EXPECT_EQ(TextInfo(), info); }
             CKvByteArray custom;
             if (note("custom", reader->GetCustomData(L"Notes", custom))) {
                 EXPECT_EQ(Pattern(5000, 9), Bytes(custom.GetData(), custom.GetData() + custom.GetSize()));
             }
-            Bytes out(kWidth * kHeight);
+            Bytes out(kFrameSize);
             for (uint32_t i = 0; i < kFrameCount; ++i) {
                 if (note("frame", reader->GetData(i, out.data(), nullptr, nullptr))) {
                     EXPECT_EQ(FramePixels(i), out) << "frame " << i;
@@ -506,89 +479,29 @@ TEST_P(FaultInjectionTest, EveryStepOfAReadingSession) {
             reader->Release();
         }
         EXPECT_EQ(0, storage->calls[kOpWrite] + storage->calls[kOpTruncate]);
-        const std::string left = GetParam() ? ReadWholeFile(path)
-                                            : std::string(reinterpret_cast<const char*>(copy.GetData()), copy.GetSize());
-        EXPECT_EQ(std::string(reinterpret_cast<const char*>(bytes.GetData()), bytes.GetSize()), left);
-        row.sessions = 1;
-        if (!failures.empty()) ++row.failedAsDocumented;
-        else ++row.complete;
-        return storage->calls[kOpRead];
+        EXPECT_EQ(Text(bytes), Text(original.Bytes()));
+        reads = storage->calls[kOpRead];
+        return SRow{1, failed, !failed};
     };
 
-    SRow unused;
     std::string none;
-    const int reads = session(SFault{}, unused, none);
+    session(SFault{}, none);
     ASSERT_GT(reads, 0);
-    for (const auto& [op, kind] : FaultKinds(true)) {
-        const std::string fault = std::string(kOpNames[op]) + "/" + FaultName(kind);
-        for (int at = 0; at < reads; ++at) {
-            SCOPED_TRACE(fault + " at call " + std::to_string(at));
-            SRow row;
-            std::string step = "none";
-            session(SFault{op, kind, at}, row, step);
-            table.Add(fault, step, row);
-        }
-    }
+    CFaultTable table;
+    EveryFault({{kOpRead, kIoError}, {kOpRead, kShort}}, {0, 0, 0, reads}, table, session);
     table.Print(GetParam() ? "Reading session of a file" : "Reading session in memory");
-}
-
-// A failed sync is a failed Finalize, also when asked again.
-TEST(DurabilityTest, AFailedSyncFailsFinalize) {
-    CKvByteArray array;
-    auto storage = std::make_shared<CFaultyStorage>(std::make_shared<CKvMemoryStorage>(array),
-                                                    SFault{kOpSync, EFault::IoError, 0});
-    auto chunker = std::make_unique<CKvFileChunker>();
-    CKvStringA version("Ver3.0");
-    ASSERT_EQ(KV_OK, chunker->Initialize_Storage(storage, false, false, version));
-    auto* writer = new CKvQV8OutputFile_V03(nullptr, CKvStringW(L"faulty"), false, std::move(chunker));
-    ASSERT_EQ(KV_OK, writer->SetImageAttributes(Attributes(kCompressionNone)));
-    Bytes pixels = FramePixels(0);
-    ASSERT_EQ(KV_OK, writer->FlushData(0, pixels.data(), nullptr, nullptr));
-    EXPECT_EQ(KV_ERR_FAILED, writer->Finalize());
-    EXPECT_EQ(KV_ERR_FAILED, writer->Finalize());
-    writer->Release();
-    EXPECT_EQ(1, storage->calls[kOpSync]);
-}
-
-// A new file's storage syncs it together with its directory entry; memory
-// has nothing to sync and answers KV_OK.
-TEST(DurabilityTest, StoragesSync) {
-    CTestTempDir dir;
-    CKvPosixStorage created, existing;
-    ASSERT_EQ(KV_OK, created.Open(dir.File("new.bin").c_str(), CKvPosixStorage::EKvOpenMode::UpdateOrCreate));
-    ASSERT_EQ(KV_OK, created.WriteAt(0, "abc", 3));
-    EXPECT_EQ(KV_OK, created.Sync());
-    EXPECT_EQ(KV_OK, created.Sync());
-    ASSERT_EQ(KV_OK, created.Close());  // a second writer waits for the first
-    ASSERT_EQ(KV_OK, existing.Open(dir.File("new.bin").c_str(), CKvPosixStorage::EKvOpenMode::UpdateOrCreate));
-    EXPECT_EQ(KV_OK, existing.Sync());
-    EXPECT_EQ("abc", ReadWholeFile(dir.File("new.bin")));
-    existing.Close();
-    EXPECT_EQ(KV_ERR_FAILED, existing.Sync());
-
-    CKvByteArray array;
-    CKvMemoryStorage memory(array);
-    EXPECT_EQ(KV_OK, memory.Sync());
 }
 
 // ---- a real full disk ----
 
 // A size-limited tmpfs mounted for one test and unmounted at its end.
-class CSmallFileSystem {
-public:
-    explicit CSmallFileSystem(const std::string& dir) : m_strDir(dir) {
-        if (geteuid() != 0) return;
-        const std::string command = "mount -t tmpfs -o size=1m tmpfs '" + dir + "' 2>/dev/null";
-        m_bMounted = std::system(command.c_str()) == 0;
+struct SSmallFileSystem {
+    std::string dir;
+    bool mounted = geteuid() == 0 &&
+                   std::system(("mount -t tmpfs -o size=1m tmpfs '" + dir + "' 2>/dev/null").c_str()) == 0;
+    ~SSmallFileSystem() {
+        if (mounted) ::umount(dir.c_str());
     }
-    ~CSmallFileSystem() {
-        if (m_bMounted) ::umount(m_strDir.c_str());
-    }
-    bool IsMounted() const { return m_bMounted; }
-
-private:
-    std::string m_strDir;
-    bool m_bMounted = false;
 };
 
 // Frames written until the disk is full: the failure is reported, and every
@@ -596,50 +509,33 @@ private:
 TEST(DurabilityTest, RealFullDisk) {
     CTestTempDir dir;
     ASSERT_TRUE(dir.IsValid());
-    CSmallFileSystem fs(dir.Path());
-    if (!fs.IsMounted()) GTEST_SKIP() << "needs root and a tmpfs mount to fill a real disk";
+    const SSmallFileSystem fs{dir.Path()};
+    if (!fs.mounted) GTEST_SKIP() << "needs root and a tmpfs mount to fill a real disk";
 
-    constexpr uint32_t kBigWidth = 256, kBigHeight = 256;  // 64 KiB frames: about 16 fit
+    constexpr uint32_t kBigSide = 256;  // 64 KiB frames: about 16 fit
     const std::wstring path = dir.WideFile("full.qv8");
     auto chunker = std::make_unique<CKvFileChunker>();
     CKvStringA version("Ver3.0");
     ASSERT_EQ(KV_OK, chunker->Initialize_File(path.c_str(), false, false, version));
     auto* writer = new CKvQV8OutputFile_V03(nullptr, CKvStringW(path.c_str()), false, std::move(chunker));
-    SKvImageAttributes a = Attributes(kCompressionNone);
-    a.uiWidth = a.uiWidthBytes = kBigWidth;
-    a.uiHeight = kBigHeight;
-    ASSERT_EQ(KV_OK, writer->SetImageAttributes(a));
-    uint32_t acknowledged = 0;
+    ASSERT_EQ(KV_OK, writer->SetImageAttributes(Attributes(kCompressionNone, kBigSide, kBigSide)));
+    SWriteSession s;
     kv_result r = KV_OK;
-    for (; acknowledged < 64; ++acknowledged) {
-        Bytes pixels = Pattern(kBigWidth * kBigHeight, static_cast<uint8_t>(acknowledged));
-        r = writer->FlushData(acknowledged, pixels.data(), nullptr, nullptr);
-        if (r != KV_OK) break;
+    for (uint32_t i = 0; r == KV_OK && i < 64; ++i) {
+        Bytes pixels = FramePixels(i, kBigSide * kBigSide);
+        if ((r = writer->SetAcqTime(FrameTime(i))) == KV_OK &&
+            (r = writer->FlushData(i, pixels.data(), nullptr, nullptr)) == KV_OK)
+            s.acknowledged.push_back(i);
     }
     EXPECT_EQ(KV_ERR_FAILED, r) << "the disk never filled";
     const kv_result finalized = writer->Finalize();
-    EXPECT_TRUE(finalized == KV_OK || IsDocumentedFailure(finalized)) << finalized;
+    s.finalized = finalized == KV_OK;
+    EXPECT_TRUE(s.finalized || IsDocumentedFailure(finalized)) << finalized;
     writer->Release();
-    RecordProperty("full-disk", "frames acknowledged=" + std::to_string(acknowledged) +
+    RecordProperty("full-disk", "frames acknowledged=" + std::to_string(s.acknowledged.size()) +
                                     " finalize=" + std::to_string(finalized));
-
-    CKvFileChunker chunks;
-    const kv_result opened = chunks.Initialize_File(path.c_str(), true, false, version);
-    if (finalized == KV_OK) {
-        ASSERT_EQ(KV_OK, opened);
-    } else {
-        ASSERT_TRUE(opened == KV_OK || opened == KV_ERR_NOT_FOUND) << opened;
-        if (opened == KV_ERR_NOT_FOUND) {
-            ASSERT_EQ(KV_OK, chunks.CreateMissingChunkMap(nullptr, nullptr, nullptr));
-        }
-    }
-    for (uint32_t i = 0; i < acknowledged; ++i) {
-        CKvByteArray data;
-        ASSERT_EQ(KV_OK, chunks.GetChunk(data, FrameName(i).c_str())) << "frame " << i;
-        const Bytes pixels(data.GetData() + kFramePrefixSize, data.GetData() + data.GetSize());
-        EXPECT_EQ(Pattern(kBigWidth * kBigHeight, static_cast<uint8_t>(i)), pixels) << "frame " << i;
-    }
-    chunks.Finalize();
+    const std::string left = ReadWholeFile(dir.File("full.qv8"));
+    CheckLeftBytes(CKvByteArray(left.data(), left.size()), s, kCompressionNone, kBigSide * kBigSide);
 }
 
 }  // namespace

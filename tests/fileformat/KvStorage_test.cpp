@@ -4,7 +4,6 @@
 #include "fileformat/KvStorage.h"
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include <filesystem>
 #include <fstream>
@@ -22,6 +21,7 @@
 namespace {
 
 using Bytes = std::vector<uint8_t>;
+using Mode = CKvPosixStorage::EKvOpenMode;
 
 Bytes Pattern(size_t size, uint8_t seed) {
     Bytes b(size);
@@ -29,28 +29,37 @@ Bytes Pattern(size_t size, uint8_t seed) {
     return b;
 }
 
-// ---- the two storages ----
-
-// A storage of either kind, empty, with what it holds readable from outside.
-class StorageTest : public ::testing::TestWithParam<bool> {
+// A storage of either kind (a file when the parameter is true, else a byte
+// array), with what it holds read and replaced from outside.
+class StorageKinds : public ::testing::TestWithParam<bool> {
 protected:
-    void SetUp() override {
-        if (GetParam()) {
-            std::ofstream(m_dir.File("s.bin")).flush();
-            auto file = std::make_unique<CKvPosixStorage>();
-            ASSERT_EQ(file->Open(m_dir.File("s.bin").c_str(), CKvPosixStorage::EKvOpenMode::UpdateExisting), KV_OK);
-            m_storage = std::move(file);
-        } else {
-            m_storage = std::make_unique<CKvMemoryStorage>(m_array);
-        }
+    std::unique_ptr<IKvStorage> NewStorage(Mode mode) {
+        if (!GetParam()) return std::make_unique<CKvMemoryStorage>(m_array);
+        auto file = std::make_unique<CKvPosixStorage>();
+        EXPECT_EQ(file->Open(m_dir.File("s.bin").c_str(), mode), KV_OK);
+        return file;
     }
     std::string Content() const {
         if (GetParam()) return ReadWholeFile(m_dir.File("s.bin"));
         return std::string(reinterpret_cast<const char*>(m_array.GetData()), m_array.GetSize());
     }
+    void SetContent(const std::string& content) {
+        if (GetParam()) {
+            std::ofstream(m_dir.File("s.bin"), std::ios::binary) << content;
+        } else {
+            ASSERT_EQ(KV_OK, m_array.SetData(content.data(), content.size()));
+        }
+    }
 
     CTestTempDir m_dir;
     CKvByteArray m_array;
+};
+
+// ---- the two storages ----
+
+class StorageTest : public StorageKinds {
+protected:
+    void SetUp() override { m_storage = NewStorage(Mode::UpdateOrCreate); }
     std::unique_ptr<IKvStorage> m_storage;
 };
 INSTANTIATE_TEST_SUITE_P(Kinds, StorageTest, ::testing::Values(true, false),
@@ -66,7 +75,6 @@ TEST_P(StorageTest, GatheredWritesAndScatteredReads) {
     EXPECT_EQ(n, 5u);
     ASSERT_EQ(s.WriteAt(0, "0123", 4), KV_OK);
     ASSERT_EQ(s.WriteAt(8, "XY", 2), KV_OK);  // overwrites inside, extends past the end
-    EXPECT_EQ(Content(), "0123abcdXY");
     ASSERT_EQ(s.WriteAt(14, "!", 1), KV_OK);
     EXPECT_EQ(Content(), std::string("0123abcdXY\0\0\0\0!", 15));
 
@@ -74,12 +82,11 @@ TEST_P(StorageTest, GatheredWritesAndScatteredReads) {
     const SKvIoSpan spans[] = {{a, 3}, {b, sizeof b}};
     ASSERT_EQ(s.ReadAt(2, spans, 2, &n), KV_OK);
     EXPECT_EQ(n, 13u);
-    EXPECT_EQ(std::string(a, 3), "23a");
-    EXPECT_EQ(std::string(b, 10), std::string("bcdXY\0\0\0\0!", 10));
-    ASSERT_EQ(s.ReadAt(15, b, 4, &n), KV_OK);
-    EXPECT_EQ(n, 0u);
-    ASSERT_EQ(s.ReadAt(100, b, 4, &n), KV_OK);
-    EXPECT_EQ(n, 0u);
+    EXPECT_EQ(std::string(a, 3) + std::string(b, 10), std::string("23abcdXY\0\0\0\0!", 13));
+    for (uint64_t past : {15, 100}) {
+        ASSERT_EQ(s.ReadAt(past, b, 4, &n), KV_OK);
+        EXPECT_EQ(n, 0u);
+    }
 
     const SKvIoPart many[IKvStorage::kMaxParts + 1] = {};
     EXPECT_EQ(s.WriteAt(0, many, IKvStorage::kMaxParts + 1, &n), KV_ERR_INVALID_ARG);
@@ -97,8 +104,8 @@ TEST_P(StorageTest, TruncateSyncAndClose) {
     ASSERT_EQ(s.Size(&size), KV_OK);
     EXPECT_EQ(size, 3u);
     ASSERT_EQ(s.Truncate(5), KV_OK);
-    EXPECT_EQ(Content(), std::string("abc\0\0", 5));
     EXPECT_EQ(s.Sync(), KV_OK);
+    EXPECT_EQ(s.Sync(), KV_OK);  // a new file's directory entry is synced once
 
     EXPECT_TRUE(s.IsOpen());
     EXPECT_EQ(s.Close(), KV_OK);
@@ -108,6 +115,7 @@ TEST_P(StorageTest, TruncateSyncAndClose) {
     EXPECT_EQ(s.WriteAt(0, "x", 1), KV_ERR_FAILED);
     EXPECT_EQ(s.Size(&size), KV_ERR_FAILED);
     EXPECT_EQ(s.Truncate(0), KV_ERR_FAILED);
+    EXPECT_EQ(s.Sync(), KV_ERR_FAILED);
     EXPECT_EQ(s.Close(), KV_OK);  // a second close is harmless
     EXPECT_EQ(Content(), std::string("abc\0\0", 5));
 }
@@ -115,7 +123,6 @@ TEST_P(StorageTest, TruncateSyncAndClose) {
 // Opening modes: nothing is created or truncated unless asked, and a file
 // opened for reading refuses writes and cuts.
 TEST(PosixStorageTest, OpenModes) {
-    using Mode = CKvPosixStorage::EKvOpenMode;
     CTestTempDir dir;
     const std::string path = dir.File("f.bin");
     CKvPosixStorage s;
@@ -124,7 +131,8 @@ TEST(PosixStorageTest, OpenModes) {
     EXPECT_FALSE(s.IsOpen() || std::filesystem::exists(path));
     ASSERT_EQ(s.Open(path.c_str(), Mode::UpdateOrCreate), KV_OK);
     ASSERT_EQ(s.WriteAt(0, "hello", 5), KV_OK);
-    ASSERT_EQ(s.Open(path.c_str(), Mode::UpdateOrCreate), KV_OK);  // the earlier descriptor is closed
+    ASSERT_EQ(s.Open(path.c_str(), Mode::UpdateExisting), KV_OK);  // the earlier descriptor is closed
+    EXPECT_EQ(s.Sync(), KV_OK);
     EXPECT_EQ(ReadWholeFile(path), "hello");
     ASSERT_EQ(s.Open(path.c_str(), Mode::ReadOnly), KV_OK);
     uint64_t n = 0;
@@ -136,7 +144,7 @@ TEST(PosixStorageTest, OpenModes) {
 
 // ---- what the container asks of the storage ----
 
-// Passes everything on and counts the calls.
+// Passes everything on and counts the reads and writes.
 class CCountingStorage final : public IKvStorage {
 public:
     explicit CCountingStorage(std::unique_ptr<IKvStorage> inner) : m_pInner(std::move(inner)) {}
@@ -154,64 +162,60 @@ public:
     kv_result Close() override { return m_pInner->Close(); }
     bool IsOpen() const override { return m_pInner->IsOpen(); }
 
-    int reads = 0;
-    int writes = 0;
+    int reads = 0, writes = 0;
 
 private:
     std::unique_ptr<IKvStorage> m_pInner;
 };
 
+CKvStringA FrameName(uint32_t index) {
+    CKvStringA name;
+    name.Format(kChunkFrame, index);
+    return name;
+}
+
 // Frames written through the output file and read back through the input
-// file, over a counting storage on a file or on a byte array.
-class FrameAccessTest : public ::testing::TestWithParam<bool> {
+// file, over a counting storage, raw and compressed.
+class FrameAccessTest : public StorageKinds {
 protected:
     static constexpr uint32_t kWidth = 96, kHeight = 40;
+    const uint32_t kCompressions[2] = {kCompressionNone, kCompressionZlib};
 
-    std::shared_ptr<CCountingStorage> NewStorage(bool readOnly) {
-        std::unique_ptr<IKvStorage> inner;
-        if (GetParam()) {
-            using Mode = CKvPosixStorage::EKvOpenMode;
-            auto file = std::make_unique<CKvPosixStorage>();
-            EXPECT_EQ(file->Open(m_dir.File("f.qv8").c_str(), readOnly ? Mode::ReadOnly : Mode::UpdateOrCreate), KV_OK);
-            inner = std::move(file);
-        } else {
-            inner = std::make_unique<CKvMemoryStorage>(m_array);
-        }
-        return std::make_shared<CCountingStorage>(std::move(inner));
-    }
+    static Bytes Frame(uint8_t seed) { return Pattern(kWidth * kHeight, seed); }
 
-    // Writes `frames` frames; `damage` may add chunks before the map is written.
-    void Write(uint32_t compression, const std::vector<Bytes>& frames,
-               const std::function<void(CKvFileChunker&)>& damage = nullptr) {
-        auto storage = NewStorage(false);
+    // Writes `frames`; `damage` may add chunks before the map is written.
+    // Answers the writes per frame after the first, which also writes the
+    // header chunks.
+    int Write(uint32_t compression, const std::vector<Bytes>& frames,
+              const std::function<void(CKvFileChunker&)>& damage = nullptr) {
+        auto storage = std::make_shared<CCountingStorage>(NewStorage(Mode::UpdateOrCreate));
         auto chunker = std::make_unique<CKvFileChunker>();
-        CKvFileChunker* raw = chunker.get();
+        CKvFileChunker& chunks = *chunker;
         CKvStringA version("Ver3.0");
-        ASSERT_EQ(KV_OK, chunker->Initialize_Storage(storage, false, false, version));
+        EXPECT_EQ(KV_OK, chunker->Initialize_Storage(storage, false, false, version));
         auto* writer = new CKvQV8OutputFile_V03(nullptr, CKvStringW(L"unused"), false, std::move(chunker));
         SKvImageAttributes a;
-        a.uiWidth = kWidth;
+        a.uiWidth = a.uiWidthBytes = kWidth;
         a.uiHeight = kHeight;
         a.uiComp = 1;
         a.uiBpcInMemory = a.uiBpcSignificant = 8;
-        a.uiWidthBytes = kWidth;
         a.eCompression = compression;
-        ASSERT_EQ(KV_OK, writer->SetImageAttributes(a));
+        EXPECT_EQ(KV_OK, writer->SetImageAttributes(a));
         for (uint32_t i = 0; i < frames.size(); ++i) {
-            if (i == 1) storage->writes = 0;  // the first frame also writes the header chunks
+            if (i == 1) storage->writes = 0;
             Bytes copy = frames[i];
-            ASSERT_EQ(KV_OK, writer->FlushData(i, copy.data(), nullptr, nullptr));
+            EXPECT_EQ(KV_OK, writer->FlushData(i, copy.data(), nullptr, nullptr));
         }
-        m_writesPerLaterFrame = frames.size() > 1 ? storage->writes / static_cast<int>(frames.size() - 1) : 0;
-        m_writesTotal = storage->writes;
-        if (damage) damage(*raw);
-        ASSERT_EQ(KV_OK, writer->Finalize());
+        const int perFrame = frames.size() > 1 ? storage->writes / static_cast<int>(frames.size() - 1) : 0;
+        if (damage) damage(chunks);
+        EXPECT_EQ(KV_OK, writer->Finalize());
         writer->Release();
+        return perFrame;
     }
 
     // A reader whose attributes are already read, and its counting storage.
     std::pair<CKvQV8InputFile_V03*, std::shared_ptr<CCountingStorage>> Open() {
-        auto storage = NewStorage(true);
+        auto storage = std::make_shared<CCountingStorage>(NewStorage(Mode::ReadOnly));
         auto chunker = std::make_unique<CKvFileChunker>();
         CKvStringA version;
         EXPECT_EQ(KV_OK, chunker->Initialize_Storage(storage, true, false, version));
@@ -222,44 +226,25 @@ protected:
         return {reader, storage};
     }
 
-    // Points the map entry of `name` at `position` instead of where the chunk is.
+    // Points the map entry of `name` at `to` instead of `from`.
     void RedirectMapEntry(const char* name, uint64_t from, uint64_t to) {
-        std::string file = GetParam() ? ReadWholeFile(m_dir.File("f.qv8"))
-                                      : std::string(reinterpret_cast<const char*>(m_array.GetData()), m_array.GetSize());
+        std::string file = Content();
         std::string entry(name);
         entry.append(8, '\0');
         kvbytes::StoreU64(reinterpret_cast<uint8_t*>(&entry[entry.size() - 8]), from);
         const size_t at = file.rfind(entry);
         ASSERT_NE(at, std::string::npos);
         kvbytes::StoreU64(reinterpret_cast<uint8_t*>(&file[at + entry.size() - 8]), to);
-        if (GetParam()) {
-            std::ofstream(m_dir.File("f.qv8"), std::ios::binary) << file;
-        } else {
-            ASSERT_EQ(KV_OK, m_array.SetData(file.data(), file.size()));
-        }
+        SetContent(file);
     }
-
-    CTestTempDir m_dir;
-    CKvByteArray m_array;
-    int m_writesPerLaterFrame = 0;
-    int m_writesTotal = 0;
 };
 INSTANTIATE_TEST_SUITE_P(Kinds, FrameAccessTest, ::testing::Values(true, false),
                          [](const auto& info) { return info.param ? "File" : "Memory"; });
 
-// The frame chunk name for `index`.
-CKvStringA FrameName(uint32_t index) {
-    CKvStringA name;
-    name.Format(kChunkFrame, index);
-    return name;
-}
-
 TEST_P(FrameAccessTest, AFrameIsOneWriteAndOneRead) {
-    for (uint32_t compression : {kCompressionNone, kCompressionZlib}) {
-        const std::vector<Bytes> frames = {Pattern(kWidth * kHeight, 1), Pattern(kWidth * kHeight, 2),
-                                           Pattern(kWidth * kHeight, 3)};
-        Write(compression, frames);
-        EXPECT_EQ(m_writesPerLaterFrame, 1) << compression;
+    const std::vector<Bytes> frames = {Frame(1), Frame(2), Frame(3)};
+    for (uint32_t compression : kCompressions) {
+        EXPECT_EQ(Write(compression, frames), 1) << compression;
         auto [reader, storage] = Open();
         for (uint32_t i : {2u, 0u, 1u}) {
             Bytes out(kWidth * kHeight);
@@ -276,8 +261,8 @@ TEST_P(FrameAccessTest, AFrameIsOneWriteAndOneRead) {
 // onto the next frame: the read fails after its one storage read, and the
 // bytes found there are never taken for the frame asked for.
 TEST_P(FrameAccessTest, AMapEntryOffItsChunkFailsTheRead) {
-    for (uint32_t compression : {kCompressionNone, kCompressionZlib}) {
-        const std::vector<Bytes> frames = {Pattern(kWidth * kHeight, 5), Pattern(kWidth * kHeight, 6)};
+    const std::vector<Bytes> frames = {Frame(5), Frame(6)};
+    for (uint32_t compression : kCompressions) {
         uint64_t frame0 = 0, frame1 = 0;
         Write(compression, frames, [&](CKvFileChunker& c) {
             frame0 = c.GetChunkMap().at(FrameName(0).View()).position;
@@ -302,9 +287,9 @@ TEST_P(FrameAccessTest, AMapEntryOffItsChunkFailsTheRead) {
 // A frame chunk laid out otherwise (prefix and pixels as one part, so the
 // pixels do not start a page) is read all the same.
 TEST_P(FrameAccessTest, OtherLayoutsAreStillRead) {
-    const Bytes pixels = Pattern(kWidth * kHeight, 7);
-    for (uint32_t compression : {kCompressionNone, kCompressionZlib}) {
-        Write(compression, {Pattern(kWidth * kHeight, 8)}, [&](CKvFileChunker& c) {
+    const Bytes pixels = Frame(7);
+    for (uint32_t compression : kCompressions) {
+        Write(compression, {Frame(8)}, [&](CKvFileChunker& c) {
             Bytes whole(kFramePrefixSize, 0);
             const Bytes stored = compression == kCompressionZlib ? TestDeflate(pixels) : pixels;
             whole.insert(whole.end(), stored.begin(), stored.end());
