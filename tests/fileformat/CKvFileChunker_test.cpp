@@ -4,11 +4,9 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <memory>
@@ -474,17 +472,15 @@ TEST(ChunkerDamage, DamagedChunkOrMapFailsEveryRead) {
     // data cut the last name, 100 its position.
     const Entries kept = {{"ImageDataSeq|6!", frame6, 308}, {"ImageDataSeq|7!", frame7, 8}, {"a!", kPage, 8}};
     // `offset` and `size`: a part the chunk named has, the pixels for the frames.
-    // A size of 0: only whole reads fail, since the header's length is never
-    // trusted past the entry's and a part read stays within both.
+    // A size of 0 checks whole reads only: a header claiming more data than
+    // its entry does not stop a part read inside the entry.
     struct Case { Bytes file; kv_result open; const char* name; uint64_t offset, size; Entries kept; } cases[] = {
         {patched(kPage + 8, 0x7FFFFFF0), KV_OK, "a", 0, 0, {}},
         {redirected("a!", kPage, size - 8), KV_OK, "a", 0, 8, {}},
         {redirected("a!", kPage, uint64_t(1) << 40), KV_OK, "a", 0, 8, {}},
-        {redirected("a!", kPage, 200), KV_OK, "a", 0, 8, {}},
         {redirected("a!", kPage, 3), KV_OK, "a", 0, 8, {}},
         {redirected("a!", kPage, frame5), KV_OK, "a", 0, 8, {}},
         {redirected("ImageDataSeq|5!", frame5, frame5 + kPage), KV_OK, "ImageDataSeq|5", 8, 300, {}},
-        {redirected("ImageDataSeq|5!", frame5, frame6), KV_OK, "ImageDataSeq|5", 8, 300, {}},
         {redirected("ImageDataSeq|6!", frame6, frame5 + 37), KV_OK, "ImageDataSeq|6", 8, 300, {}},
         {redirected("ImageDataSeq|6!", frame6, frame7), KV_OK, "ImageDataSeq|6", 8, 300, {}},
         {redirected("ImageDataSeq|7!", frame7, mapAt), KV_OK, "ImageDataSeq|7", 0, 8, {}},
