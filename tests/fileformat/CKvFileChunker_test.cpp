@@ -2,9 +2,7 @@
 // them back, appending, streaming, map recovery and damaged input.
 #include "fileformat/CKvFileChunker.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
@@ -531,21 +529,6 @@ TEST(ChunkerDamage, DamagedChunkOrMapFailsEveryRead) {
     SKvChunkHeader h;
     ASSERT_EQ(store.Reader()->ReadAlignedPart(h, part.data(), 8, 300, "ImageDataSeq|5"), KV_OK);
     EXPECT_EQ(part, Slice(chunks[1].second, 8, 300));
-}
-
-// A map write that fails is reported by Finalize.
-TEST(ChunkerDamage, FinalizeReportsFailedMapWrite) {
-    Store s(Kind::File);
-    CKvFileChunker w;
-    ASSERT_EQ(s.OpenWrite(w, false), KV_OK);
-    Put(w, "a", Pattern(8, 1));
-    auto* file = dynamic_cast<CKvPosixStorage*>(w.Storage().GetStorage().get());
-    ASSERT_NE(file, nullptr);
-    const int full = open("/dev/full", O_WRONLY);
-    ASSERT_GE(full, 0);
-    ASSERT_GE(dup2(full, file->Descriptor()), 0);  // from here on the disk is full
-    close(full);
-    EXPECT_EQ(w.Finalize(), KV_ERR_FAILED);
 }
 
 }  // namespace
