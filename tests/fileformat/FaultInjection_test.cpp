@@ -488,7 +488,9 @@ TEST_P(FaultInjectionTest, EveryStepOfAReadingSession) {
     session(SFault{}, none);
     ASSERT_GT(reads, 0);
     CFaultTable table;
-    EveryFault({{kOpRead, kIoError}, {kOpRead, kShort}}, {0, 0, 0, reads}, table, session);
+    std::array<int, kOpCount> calls{};
+    calls[kOpRead] = reads;
+    EveryFault({{kOpRead, kIoError}, {kOpRead, kShort}}, calls, table, session);
     table.Print(GetParam() ? "Reading session of a file" : "Reading session in memory");
 }
 
