@@ -4,6 +4,9 @@
 // adds what the writer's Finalize would have written before the map.
 #include "fileformat/QV8Repair.h"
 
+#include <zlib.h>
+
+#include <algorithm>
 #include <map>
 #include <set>
 #include <string>
@@ -11,7 +14,6 @@
 
 #include "fileformat/CKvFileChunker.h"
 #include "fileformat/CKvQV8OutputFile.h"
-#include "fileformat/KvFrameCodec.h"
 #include "fileformat/QV8Layout.h"
 #include "fileformat/SKvImageAttributes.h"
 #include "gnr_system/CKvSerializerXMLString.h"
@@ -21,8 +23,34 @@ namespace {
 
 // The writer's prefix of a frame without time.
 constexpr double kNoTimePrefix = 0.0;
-// Deflate's best ratio: one 258-byte match per 2 bits or so, about 1032:1.
-constexpr uint64_t kMaxDeflateRatio = 1032;
+
+// True when `size` bytes hold one zlib stream of exactly `expected` bytes.
+// The stream is inflated through a small window, so a frame size claimed by
+// damaged attributes costs no memory.
+bool InflatesToExactly(const uint8_t* data, uint64_t size, uint64_t expected) {
+    z_stream stream{};
+    if (inflateInit(&stream) != Z_OK) return false;
+    uint8_t window[64 * 1024];
+    uint64_t produced = 0;
+    int r = Z_OK;
+    while (r == Z_OK && produced <= expected) {
+        // zlib counts in 32 bits: the input is handed over in pieces.
+        if (stream.avail_in == 0 && size > 0) {
+            stream.next_in = const_cast<uint8_t*>(data);
+            stream.avail_in = static_cast<uInt>(std::min<uint64_t>(size, UINT32_MAX));
+            data += stream.avail_in;
+            size -= stream.avail_in;
+        }
+        stream.next_out = window;
+        stream.avail_out = sizeof window;
+        r = inflate(&stream, Z_NO_FLUSH);
+        produced += sizeof window - stream.avail_out;
+        if (r == Z_BUF_ERROR && stream.avail_in == 0 && size == 0) break;  // cut short
+        if (r == Z_BUF_ERROR) r = Z_OK;
+    }
+    inflateEnd(&stream);
+    return r == Z_STREAM_END && produced == expected;
+}
 
 struct SFoundFrame {
     bool whole = false;
@@ -79,8 +107,6 @@ private:
     SKvImageAttributes m_sAttributes;
     bool m_bLiteAttributes = true;
     std::map<uint32_t, SFoundFrame> m_mapFrames;  // the last chunk of each index wins, as in the map
-    CKvFrameInflater m_inflater;
-    std::vector<uint8_t> m_aScratch;  // one inflated frame
 
     // Chunks to add, in this order, then the end of the adding.
     CKvByteArray m_aAttributesChunk;
@@ -132,11 +158,7 @@ bool CRepairScan::isWholeFrame(const CKvByteArray& data) {
     const uint64_t frameSize = m_sAttributes.FrameSize();
     const uint64_t stored = data.GetSize() - kFramePrefixSize;
     if (m_sAttributes.eCompression != kCompressionZlib) return stored >= frameSize;
-    // Deflate shrinks by at most about 1032 to 1: a shorter stream cannot be
-    // a whole frame, and attributes claiming a huge frame cost no memory.
-    if (stored * kMaxDeflateRatio + kPageSize < frameSize) return false;
-    if (m_aScratch.size() != frameSize) m_aScratch.assign(frameSize, 0);
-    return m_inflater.Inflate(data.GetData() + kFramePrefixSize, stored, m_aScratch.data(), frameSize) == KV_OK;
+    return InflatesToExactly(data.GetData() + kFramePrefixSize, stored, frameSize);
 }
 
 kv_result CRepairScan::Settle() {
@@ -146,29 +168,40 @@ kv_result CRepairScan::Settle() {
     uint32_t count = 0;
     bool anyTime = false;
     for (const auto& [index, frame] : m_mapFrames) {
-        if (!frame.whole) continue;
-        if (index + 1ull > count) count = index + 1;
+        if (!frame.whole) {
+            if (m_report.aTornFrames.size() < kMaxListedFrames) m_report.aTornFrames.push_back(index);
+            continue;
+        }
+        ++m_report.uiFramesRecovered;
         if (frame.prefix != kNoTimePrefix) anyTime = true;
+        count = index + 1;
     }
     m_report.uiSequenceCount = count;
-
-    // Times and states as the writer's cache would hold them at its close.
-    CKvByteArray times, states;
-    if (times.SetSize(static_cast<uint64_t>(count) * sizeof(double)) != KV_OK || states.SetSize(count) != KV_OK)
-        return KV_ERR_OUT_OF_MEMORY;
-    for (uint32_t i = 0; i < count; ++i) {
-        const auto it = m_mapFrames.find(i);
-        const bool whole = it != m_mapFrames.end() && it->second.whole;
-        if (whole) ++m_report.uiFramesRecovered;
-        else if (it == m_mapFrames.end()) m_report.aMissingFrames.push_back(i);
-        const bool timed = whole && anyTime;
-        if (timed) ++m_report.uiTimedFrames;
-        kvbytes::StoreF64(times.GetData() + static_cast<uint64_t>(i) * sizeof(double),
-                          timed ? it->second.prefix : kNoTimePrefix);
-        states.GetData()[i] = timed ? kAcqTimeWritten : kAcqTimeNone;
+    // Indexes come from chunk names, so the frames below the count that have
+    // no chunk are found between the chunks, never by walking every index.
+    uint64_t next = 0;
+    for (const auto& [index, frame] : m_mapFrames) {
+        if (index >= count) break;
+        m_report.uiMissingFrames += index - next;
+        for (uint64_t i = next; i < index && m_report.aMissingFrames.size() < kMaxListedFrames; ++i)
+            m_report.aMissingFrames.push_back(static_cast<uint32_t>(i));
+        next = uint64_t{index} + 1;
     }
-    for (const auto& [index, frame] : m_mapFrames)
-        if (!frame.whole) m_report.aTornFrames.push_back(index);
+
+    // Times and states as the writer's cache would hold them at its close;
+    // like the writer's, the cache ends at kMaxAcqTimeIndex.
+    const uint32_t cached = std::min<uint32_t>(count, kMaxAcqTimeIndex + 1);
+    CKvByteArray times, states;
+    if (times.SetSize(static_cast<uint64_t>(cached) * sizeof(double)) != KV_OK || states.SetSize(cached) != KV_OK)
+        return KV_ERR_OUT_OF_MEMORY;
+    std::fill(states.GetData(), states.GetData() + cached, kAcqTimeNone);
+    for (uint32_t i = 0; i < cached; ++i) kvbytes::StoreF64(times.GetData() + uint64_t{i} * sizeof(double), kNoTimePrefix);
+    for (const auto& [index, frame] : m_mapFrames) {
+        if (index >= cached || !frame.whole || !anyTime) continue;
+        ++m_report.uiTimedFrames;
+        kvbytes::StoreF64(times.GetData() + uint64_t{index} * sizeof(double), frame.prefix);
+        states.GetData()[index] = kAcqTimeWritten;
+    }
 
     if (KvQV8SettleAcqTimes(times, states)) m_aTimesChunk = times;
     // As the writer's close: the attributes are saved again once a frame exists.

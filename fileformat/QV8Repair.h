@@ -3,11 +3,16 @@
 // frames the file holds, so that it reads like a file closed normally.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
 #include "gnr_system/KvProgress.h"
 #include "gnr_system/KvResult.h"
+
+// Most frame indexes a repair report lists of each kind; a damaged file may
+// name frames anywhere up to 2^32.
+constexpr size_t kMaxListedFrames = 1000;
 
 // What a repair found and did.
 struct SKvQV8RepairReport {
@@ -19,8 +24,9 @@ struct SKvQV8RepairReport {
     uint32_t uiStoredSequenceCount = 0;  // the count the surviving attributes held
     uint32_t uiSequenceCount = 0;        // the count written: highest whole frame + 1
     uint32_t uiFramesRecovered = 0;      // whole frames below uiSequenceCount
-    std::vector<uint32_t> aMissingFrames;  // below uiSequenceCount, no chunk found: they read as KV_ERR_NOT_FOUND
-    std::vector<uint32_t> aTornFrames;     // chunk found but not one whole frame; not counted
+    uint64_t uiMissingFrames = 0;          // below uiSequenceCount, no chunk found: they read as KV_ERR_NOT_FOUND
+    std::vector<uint32_t> aMissingFrames;  // ... the first kMaxListedFrames of them
+    std::vector<uint32_t> aTornFrames;     // chunk found but not one whole frame, not counted (the first kMaxListedFrames)
     uint32_t uiTimedFrames = 0;          // recovered frames that carry an acquisition time
     bool bAcqTimesRewritten = false;     // the time chunk was written anew
 };

@@ -243,7 +243,9 @@ TEST_P(ChunkerTest, StreamingRewritingAndReadingBetweenWrites) {
         std::vector<uint8_t> direct(size ? size : 1, 0xAB);
         SKvChunkHeader h2;
         EXPECT_EQ(r->ReadChunkPart(h2, direct.data(), offset, size, "stream"), ok ? KV_OK : KV_ERR_FAILED);
-        if (ok) EXPECT_EQ(Bytes(direct.begin(), direct.end()), Slice(streamed, offset, size));
+        if (ok) {
+            EXPECT_EQ(Bytes(direct.begin(), direct.end()), Slice(streamed, offset, size));
+        }
         else EXPECT_EQ(direct, std::vector<uint8_t>(direct.size(), 0xAB));
     }
     // A vouched header (non-zero magic) is trusted as given: its lengths place and bound the data.
@@ -498,7 +500,9 @@ TEST(ChunkerDamage, DamagedChunkOrMapFailsEveryRead) {
             continue;
         }
         for (const auto& [name, data] : chunks)
-            if (name != k.name) EXPECT_EQ(Read(r, name.c_str()), data) << name;
+            if (name != k.name) {
+                EXPECT_EQ(Read(r, name.c_str()), data) << name;
+            }
         CKvByteArray out("k", 1);
         SKvChunkHeader h;
         EXPECT_EQ(r.GetChunk(out, k.name), KV_ERR_FAILED);

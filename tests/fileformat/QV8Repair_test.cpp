@@ -100,7 +100,9 @@ void WriteFile(const std::wstring& path, const SPlan& plan) {
     IKvOutputImageFile* out = StartFile(path, plan);
     ASSERT_NE(nullptr, out);
     for (uint32_t index : plan.frames) ASSERT_EQ(KV_OK, WriteFrame(out, plan, index));
-    if (plan.finish) EXPECT_EQ(KV_OK, out->Finalize());
+    if (plan.finish) {
+        EXPECT_EQ(KV_OK, out->Finalize());
+    }
     out->Release();
 }
 
@@ -152,7 +154,9 @@ void ExpectReadable(const std::wstring& path, const SPlan& plan, uint32_t count,
         EXPECT_TRUE(back == Frame(a, i)) << i;
         SKvPictureMetadata meta;
         ASSERT_EQ(KV_OK, in->GetImageMetadata(i, meta, nullptr));
-        if (plan.timed) EXPECT_EQ(TimeOf(i), meta.dTimeAbsolute) << i;
+        if (plan.timed) {
+            EXPECT_EQ(TimeOf(i), meta.dTimeAbsolute) << i;
+        }
     }
     in->Release();
     CKvFileChunker chunker;
@@ -240,9 +244,28 @@ TEST(QV8Repair, CountTimesAndGaps) {
         EXPECT_EQ(5u, report.uiFramesRecovered);
         EXPECT_EQ(c.missing, report.aMissingFrames);
         EXPECT_EQ(c.plan.timed ? 5u : 0u, report.uiTimedFrames);
-        if (!c.plan.timed) EXPECT_FALSE(report.bAcqTimesRewritten);
+        if (!c.plan.timed) {
+            EXPECT_FALSE(report.bAcqTimesRewritten);
+        }
         ExpectReadable(path, c.plan, c.count, c.missing);
     }
+}
+
+// Frame indexes come from chunk names: one far out makes a long gap, which is
+// counted and listed only in part, without a walk or an allocation per frame.
+TEST(QV8Repair, AFrameFarOutIsCountedWithoutWalkingTheGap) {
+    CTestTempDir dir;
+    SPlan plan;
+    plan.timed = false;
+    plan.frames = {0, 4000000000u};
+    const std::wstring path = dir.WideFile("far.qv8");
+    WriteFile(path, plan);
+    const SKvQV8RepairReport report = Repair(path);
+    EXPECT_EQ(4000000001u, report.uiSequenceCount);
+    EXPECT_EQ(2u, report.uiFramesRecovered);
+    EXPECT_EQ(3999999999u, report.uiMissingFrames);
+    ASSERT_EQ(kMaxListedFrames, report.aMissingFrames.size());
+    EXPECT_EQ(1u, report.aMissingFrames.front());
 }
 
 // A frame chunk that is complete as a chunk but not a whole frame: a raw one

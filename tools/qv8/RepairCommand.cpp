@@ -29,6 +29,8 @@ std::string DescribeRepair(const std::string& file, const SKvQV8RepairReport& re
         if (report.bAttributesRewritten) facts.push_back("image attributes saved with the new sequence count");
     }
     for (uint32_t index : report.aMissingFrames) facts.push_back("frame " + std::to_string(index) + " missing");
+    if (report.uiMissingFrames > report.aMissingFrames.size())
+        facts.push_back(std::to_string(report.uiMissingFrames - report.aMissingFrames.size()) + " more frames missing");
     for (uint32_t index : report.aTornFrames)
         facts.push_back("frame " + std::to_string(index) +
                         (index < report.uiSequenceCount ? " damaged, cannot be read" : " torn, dropped"));
