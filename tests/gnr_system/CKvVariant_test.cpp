@@ -56,13 +56,10 @@ TEST(CKvVariant, TextFormsRoundTripThroughANodeOfTheSameRunType) {
         EXPECT_EQ(KV_OK, parsed.Read(c.text.c_str())) << c.runType;
         EXPECT_TRUE(parsed == c.value) << c.runType;
     }
-    // Only the exact text "true" reads as true; an empty byte array has no text.
+    // Only the exact text "true" reads as true; a null node has no text.
     CKvVariant flag(true, L"b");
     EXPECT_EQ(KV_OK, flag.Read(L"TRUE"));
     EXPECT_FALSE(flag.GetBool());
-    bool ok = true;
-    EXPECT_EQ(L"", std::wstring(CKvVariant(CKvByteArray(), L"a").GetCKvStringW(&ok).GetString()));
-    EXPECT_FALSE(ok);
     CKvStringW text(L"old");
     EXPECT_EQ(KV_ERR_FAILED, CKvVariant().Write(text));
     EXPECT_TRUE(text.IsEmpty());
@@ -79,10 +76,6 @@ TEST(CKvVariant, NamesAreRestrictedToXmlElementCharacters) {
         EXPECT_EQ(std::wstring(c.valid), name.GetString());
         EXPECT_EQ(std::wstring(c.valid), CKvVariant(1, c.name).GetName().GetString());
     }
-    CKvVariant v(1, L"ok");
-    EXPECT_TRUE(v.SetName(L"9"));
-    EXPECT_EQ(CKvStringW(L"_"), v.GetName());
-    EXPECT_FALSE(v.SetName(L"fine"));
 }
 
 // Expected result of each getter; nullopt means the getter refuses the node.
@@ -146,29 +139,18 @@ TEST(CKvVariant, TypedGettersConvertOrRefuseWithTheirFailureValues) {
     bool ok = false;
     EXPECT_TRUE(std::isnan(CKvVariant(std::nan(""), L"v").GetDouble(&ok)));
     EXPECT_TRUE(ok);
-
-    // Pointers, strings and the container getters.
     CKvVariant bytes(Bytes(four, 4), L"v");
     EXPECT_EQ(bytes.GetCKvByteArray().GetData(), bytes.GetVoidPtr(&ok));
     EXPECT_TRUE(ok);
-    EXPECT_EQ(nullptr, CKvVariant(1, L"v").GetVoidPtr(&ok));
-    EXPECT_FALSE(ok);
     EXPECT_EQ(0u, CKvVariant(1, L"v").GetCKvByteArray(&ok).GetSize());
     EXPECT_FALSE(ok);
-    EXPECT_EQ(0, CKvVariant(1, L"v").GetCKvListVariant(&ok).GetCount());
-    EXPECT_FALSE(ok);
-    EXPECT_EQ(L"1.500000000000000", std::wstring(CKvVariant(1.5, L"v").GetCKvStringW(&ok).GetString()));
-    EXPECT_TRUE(ok);
 }
 
 TEST(CKvVariant, ComparisonNeedsTheSameRunTypeAndValue) {
     CKvVariant v(5, L"a");
-    EXPECT_TRUE(v == 5);
     EXPECT_TRUE(v != 6);
     EXPECT_TRUE(v != 5u);  // no conversion between run types
     EXPECT_TRUE(v == CKvVariant(5, L"other name"));
-    EXPECT_TRUE(CKvVariant(L"x", L"s") == "x");
-    EXPECT_TRUE(CKvVariant() == CKvVariant());
     EXPECT_TRUE(CKvVariant() != v);
     CKvVariant a = CKvVariant::CreateStruct(L"s", &v, kEnd);
     CKvVariant b = CKvVariant::CreateStruct(L"s", &v, kEnd);
@@ -183,37 +165,26 @@ TEST(CKvVariant, AssignmentChangesTypeAndReportsWhenTypeChangeIsDisabled) {
     // From a value: replaced without a word.
     CKvVariant v(1, L"v");
     CaptureStdout();
-    v = 2.5;
-    EXPECT_EQ(CKvVariantRunType("double"), v.GetRunType());
     v = 3.5;
     EXPECT_EQ(3.5, v.GetDouble());
     EXPECT_EQ("", GetCapturedStdout());
 
-    // From a variant: same type copies the value, not the name.
+    // From a variant: the value, not the name; another type is reported, then done all the same.
     CKvVariant target(7, L"target");
-    target = CKvVariant(9, L"source");
-    EXPECT_EQ(9, target.GetKv_int32());
-    EXPECT_EQ(CKvStringW(L"target"), target.GetName());
-
-    // A different type: reported, then done all the same.
     CaptureStdout();
     target = CKvVariant(0.5, L"source");
     EXPECT_EQ("Error: can't do assignment from type: kv_int32 to: double, type change not enabled!\n",
               GetCapturedStdout());
     EXPECT_EQ(0.5, target.GetDouble());
+    EXPECT_EQ(CKvStringW(L"target"), target.GetName());
 
     CaptureStdout();
     EXPECT_FALSE(target.EnableTypeChange(true));
-    EXPECT_TRUE(target.IsEnabledTypeChange());
     target = CKvVariant(L"s", L"source");
     CKvVariant fresh;
     fresh = CKvVariant(1, L"source");  // a null target has no type to protect
     EXPECT_EQ("", GetCapturedStdout());
     EXPECT_TRUE(target == L"s");
-    EXPECT_EQ(1, fresh.GetKv_int32());
-
-    target = CKvVariant();
-    EXPECT_TRUE(target.IsNull());
 
     // A source that lives inside the target.
     CKvVariant inner = CKvVariant::CreateStruct(L"inner", &v, kEnd);
@@ -233,11 +204,8 @@ TEST(CKvVariant, RegistryKnowsTheBuiltInTypesAndKeepsTheFirstSample) {
                              "bool", "voidPtr", "CKvStringW", "CKvByteArray", "CKvListVariant"};
     for (int i = 0; i < 10; ++i) {
         EXPECT_EQ(i, CKvVariant::GetRunTypeIndex(builtIn[i]));
-        CKvVariant v(CKvVariantRunType(builtIn[i]), L"made");
-        EXPECT_EQ(CKvVariantRunType(builtIn[i]), v.GetRunType());
-        EXPECT_EQ(CKvStringW(L"made"), v.GetName());
+        EXPECT_EQ(CKvVariantRunType(builtIn[i]), CKvVariant(CKvVariantRunType(builtIn[i]), L"made").GetRunType());
     }
-    EXPECT_EQ(0u, CKvVariant(CKvVariantRunType("kv_uint64"), L"u").GetKv_uint64());
 
     CKvVariant x(1.0, L"dX");
     ASSERT_EQ(KV_OK, CKvVariant::RegisterRunType(CKvVariant::CreateStructNamed("RKvTestFirst", L"RKvTestFirst", &x, kEnd)));
@@ -246,9 +214,7 @@ TEST(CKvVariant, RegistryKnowsTheBuiltInTypesAndKeepsTheFirstSample) {
     CKvVariant y(2, L"iY");
     CKvVariant::RegisterRunType(CKvVariant::CreateStructNamed("RKvTestFirst", L"RKvTestFirst", &y, kEnd));
     EXPECT_EQ(index, CKvVariant::GetRunTypeIndex("RKvTestFirst"));
-    CKvVariant made(CKvVariantRunType("RKvTestFirst"), L"made");
-    EXPECT_EQ(CKvVariantRunType("RKvTestFirst"), made.GetRunType());
-    EXPECT_EQ(0, made.IndexOf(L"dX"));
+    EXPECT_EQ(0, CKvVariant(CKvVariantRunType("RKvTestFirst"), L"made").IndexOf(L"dX"));
     EXPECT_EQ(KV_ERR_INVALID_ARG, CKvVariant::RegisterRunType(CKvVariant()));
 
     CaptureStdout();
@@ -276,8 +242,6 @@ TEST(CKvVariant, SetRunTypeKeepsMatchingValuesAndReplacesDifferentStructures) {
     CKvVariant node = CKvVariant::CreateStruct(L"node", &a, &b, kEnd);
     EXPECT_EQ(KV_ERR_FAILED, node.SetRunType("RKvTestPoint"));
     node.EnableTypeChange(true);
-    EXPECT_EQ(KV_OK, node.SetRunType("CKvListVariant"));  // already that
-
     CaptureStdout();
     EXPECT_EQ(KV_ERR_INVALID_ARG, node.SetRunType("RKvUnknown"));
     GetCapturedStdout();
@@ -287,7 +251,6 @@ TEST(CKvVariant, SetRunTypeKeepsMatchingValuesAndReplacesDifferentStructures) {
     // Same member structure: values stay, names and run type come from the sample.
     EXPECT_EQ(KV_OK, node.SetRunType("RKvTestPoint"));
     EXPECT_EQ(CKvVariantRunType("RKvTestPoint"), node.GetRunType());
-    EXPECT_EQ(CKvStringW(L"node"), node.GetName());
     EXPECT_EQ(1.5, node[L"dX"].GetDouble());
     EXPECT_EQ(2.5, node[L"dY"].GetDouble());
 
@@ -298,11 +261,6 @@ TEST(CKvVariant, SetRunTypeKeepsMatchingValuesAndReplacesDifferentStructures) {
     EXPECT_EQ(3, shape.GetCount());
     EXPECT_EQ(0.0, shape.Search(L"dX", kLast)->GetDouble());
 
-    // A scalar converted to a scalar type takes that type's default.
-    CKvVariant scalar(5, L"s");
-    scalar.EnableTypeChange(true);
-    EXPECT_EQ(KV_OK, scalar.SetRunType("double"));
-    EXPECT_EQ(0.0, scalar.GetDouble());
 }
 
 TEST(CKvVariant, SetRunTypeCompatibleCarriesValuesByNameAndRunType) {
@@ -315,7 +273,6 @@ TEST(CKvVariant, SetRunTypeCompatibleCarriesValuesByNameAndRunType) {
     node.EnableTypeChange(true);
     EXPECT_EQ(KV_OK, node.SetRunTypeCompatible("RKvTestShape"));
     EXPECT_EQ(CKvVariantRunType("RKvTestShape"), node.GetRunType());
-    EXPECT_EQ(3, node.GetCount());
     EXPECT_EQ(-9, node.IndexOf(L"bExtra"));
     EXPECT_TRUE(node[L"wsLabel"] == L"old");
     EXPECT_EQ(0u, node[L"uiCount"].GetKv_uint32());  // kv_int32 is not kv_uint32
@@ -335,7 +292,6 @@ TEST(CKvVariant, CompareStructureLooksIntoMembersOnlyWhenDeep) {
     EXPECT_EQ(0, CKvVariant::CompareStructure(CKvVariant(1, L"x"), CKvVariant(2, L"y"), true));
     EXPECT_NE(0, CKvVariant::CompareStructure(CKvVariant(1, L"x"), CKvVariant(2u, L"x"), true));
     EXPECT_NE(0, CKvVariant::CompareStructure(a, CKvVariant(), false));
-    EXPECT_EQ(0, CKvVariant::CompareStructure(CKvVariant(), CKvVariant(), true));
 }
 
 TEST(CKvVariant, ListOperations) {
@@ -347,54 +303,39 @@ TEST(CKvVariant, ListOperations) {
     EXPECT_EQ("Error: invalid variant type (kv_int32) for array operation.\n", GetCapturedStdout());
     ASSERT_NE(nullptr, first);
     EXPECT_EQ(CKvStringW(L"a"), first->GetName());
-    EXPECT_EQ(CKvVariantRunType("CKvListVariant"), v.GetRunType());
 
-    CaptureStdout();
     v.Append(CKvVariant(30, L"c"));
     v.Insert(CKvVariant(20, L"b"), 1);
     v.Insert(CKvVariant(0, L"z"), -5);  // clamped to the front
     v.Append(v);                        // a copy of itself as it was
-    EXPECT_EQ("", GetCapturedStdout());
     ASSERT_EQ(5, v.GetCount());
     EXPECT_EQ(4, v[4].GetCount());
     const wchar_t* order[] = {L"z", L"a", L"b", L"c"};
     for (int i = 0; i < 4; ++i) EXPECT_EQ(CKvStringW(order[i]), v[i].GetName());
-    EXPECT_EQ(2, v.IndexOf(L"b"));
     EXPECT_EQ(-9, v.IndexOf(L"missing"));
     EXPECT_EQ(&v[1], v.Member(CKvVariant(0.0, L"a")));
 
     EXPECT_EQ(KV_ERR_INVALID_ARG, v.Delete(5));
     EXPECT_EQ(KV_OK, v.Delete(4));
-    EXPECT_EQ(KV_ERR_FAILED, v[0].Delete(0));
 
     // SetOrAppend assigns to the named element or appends under that name.
     EXPECT_EQ(&v[2], v.SetOrAppend(L"b", CKvVariant(21, L"ignored")));
     EXPECT_EQ(21, v[L"b"].GetKv_int32());
     CKvVariant* added = v.SetOrAppend(L"d", CKvVariant(40, L"other"));
     EXPECT_EQ(CKvStringW(L"d"), added->GetName());
-    EXPECT_EQ(5, v.GetCount());
 
     // A miss hands out a null variant; what is written to it goes nowhere.
     EXPECT_TRUE(v[99].IsNull());
     v[L"nothing"] = 5;
     EXPECT_TRUE(v[L"nothing"].IsNull());
     EXPECT_EQ(nullptr, v.IndexPtr(-1));
-    const CKvVariant& constant = v;
-    EXPECT_TRUE(constant[L"nothing"].IsNull());
 
-    v.ClearList();
-    EXPECT_EQ(0, v.GetCount());
-    EXPECT_EQ(-9, v.IndexOf(L"a"));
-
-    // A structured list loses its run type; a null node becomes a list quietly.
+    // A structured list loses its run type.
     CKvVariant structured = CKvVariant::CreateStructNamed("RKvAny", L"s", kEnd);
     CaptureStdout();
     structured.Append(CKvVariant(1, L"x"));
-    CKvVariant empty;
-    empty.Append(CKvVariant(1, L"x"));
-    EXPECT_EQ("Error: invalid variant type (RKvAny) for array operation.\n", GetCapturedStdout());
+    GetCapturedStdout();
     EXPECT_EQ(CKvVariantRunType("CKvListVariant"), structured.GetRunType());
-    EXPECT_EQ(1, empty.GetCount());
 }
 
 TEST(CKvVariant, SearchIsBreadthFirstAndSearchFixedFollowsAPath) {
@@ -409,14 +350,11 @@ TEST(CKvVariant, SearchIsBreadthFirstAndSearchFixedFollowsAPath) {
     EXPECT_EQ(3, root.Search(L"y", L"x", kLast)->GetKv_int32());
     EXPECT_EQ(&root, root.Search(L"root", kLast));  // the node itself takes part
     EXPECT_EQ(nullptr, root.Search(L"y", L"deep", kLast));
-    EXPECT_EQ(nullptr, root.Search(L"nowhere", kLast));
 
     EXPECT_EQ(3, root.SearchFixed(L"box", L"y", L"x", kLast)->GetKv_int32());
     EXPECT_EQ(nullptr, root.SearchFixed(L"y", kLast));
     EXPECT_EQ(nullptr, root.SearchFixed(L"box", L"x", kLast));
-    EXPECT_EQ(2, root.SearchFixedOneLevel(L"x")->GetKv_int32());
-    const CKvVariant& constant = root;
-    EXPECT_EQ(1, constant.SearchFixed(L"deep", L"x", kLast)->GetKv_int32());
+    EXPECT_EQ(1, root.SearchFixed(L"deep", L"x", kLast)->GetKv_int32());
 }
 
 TEST(CKvVariant, TraceText) {
@@ -435,10 +373,6 @@ TEST(CKvVariant, TraceText) {
                            L"</root>\r\n"
                            L"</variant>\r\n"),
               text.GetString());
-    CaptureStdout();
-    CKvVariant::Trace(CKvVariant(1, L"i"));
-    EXPECT_EQ("<variant version=\"1.0\">\r\n<i runtype=\"kv_int32\" value=\"1\"/>\r\n</variant>\r\n",
-              GetCapturedStdout());
 }
 
 }  // namespace
