@@ -10,7 +10,6 @@
 #include <functional>
 #include <vector>
 
-#include "gnr_metaformats/KvMetaIO.h"
 #include "gnr_system/CKvSerializerXMLString.h"
 #include "gnr_system/KvBytes.h"
 #include "tests/TestSupport.h"
@@ -136,69 +135,40 @@ void WriteLiteMetadata(CFileBuilder& b, uint32_t index, const SKvPictureMetadata
 
 }  // namespace
 
-TEST(QV8InputFrames, RawFrameIsCopiedExactly) {
-    CFileBuilder b;
-    b.Attributes(Shape(100, 10, 1, 8, kCompressionNone, 2, 100));
-    const Bytes pixels = Pattern(1000);
-    b.Frame(0, pixels, 12.5);
-    COpened<CKvQV8InputFile_V03> f(b.Open<CKvQV8InputFile_V03>());
-
-    CGuarded buffer(1000);
-    ASSERT_EQ(KV_OK, f->GetData(0, buffer.data(), nullptr, nullptr));
-    EXPECT_EQ(pixels, buffer.Inner());
-    EXPECT_TRUE(buffer.GuardsIntact());
-
-    CGuarded missing(1000);
-    EXPECT_EQ(KV_ERR_NOT_FOUND, f->GetData(1, missing.data(), nullptr, nullptr));
-    EXPECT_EQ(KV_ERR_INVALID_ARG, f->GetData(0, nullptr, nullptr, nullptr));
-    EXPECT_TRUE(missing.Untouched());
-}
-
-TEST(QV8InputFrames, CompressedFrameInflatesToExactlyOneFrame) {
-    const Bytes pixels = Pattern(64 * 8 * 2);
-    CFileBuilder b;
-    b.Attributes(Shape(64, 8, 1, 16, kCompressionZlib, 4));
-    b.Frame(0, TestDeflate(pixels));
-    b.Frame(1, TestDeflate(Pattern(pixels.size() * 2)));  // inflates to more than a frame
-    b.Frame(2, TestDeflate(Pattern(pixels.size() / 2)));  // and to less
-    b.Frame(3, Pattern(300));                         // no zlib stream at all
-    COpened<CKvQV8InputFile_V03> f(b.Open<CKvQV8InputFile_V03>());
-
-    CGuarded good(pixels.size());
-    ASSERT_EQ(KV_OK, f->GetData(0, good.data(), nullptr, nullptr));
-    EXPECT_EQ(pixels, good.Inner());
-    EXPECT_TRUE(good.GuardsIntact());
-    for (uint32_t frame : {1u, 2u, 3u}) {
-        CGuarded bad(pixels.size());
-        EXPECT_EQ(KV_ERR_FAILED, f->GetData(frame, bad.data(), nullptr, nullptr)) << frame;
-        EXPECT_TRUE(bad.GuardsIntact()) << frame;
-    }
-}
-
-// Attributes that do not match the chunks are refused without touching memory
-// beyond the caller's frame.
-TEST(QV8InputFrames, LyingAttributesAreRefused) {
+// Frames whose chunks or attributes lie are refused without writing outside
+// the caller's frame; a frame that is missing leaves the buffer untouched.
+TEST(QV8InputFrames, DamagedFramesAreRefusedWithinTheCallersBuffer) {
+    const SKvImageAttributes raw = Shape(100, 10, 1, 8, kCompressionNone);
+    const SKvImageAttributes packed = Shape(100, 10, 1, 8, kCompressionZlib);
     struct Case {
         const char* what;
         SKvImageAttributes attributes;
-        size_t stored;
+        Bytes stored;
+        kv_result expected;
+        bool untouched;
     } cases[] = {
-        {"frame chunk shorter than the frame", Shape(100, 10, 1, 8, kCompressionNone), 999},
-        {"zero row stride", Shape(100, 10, 1, 8, kCompressionNone, 1, 0), 1000},
-        {"stride below the pixels of a row", Shape(100, 10, 3, 16, kCompressionNone, 1, 100), 1000},
-        {"zero height", Shape(100, 0, 1, 8, kCompressionNone), 1000},
-        {"no bits per component", Shape(100, 10, 1, 8, kCompressionNone), 1000},
+        {"missing frame", raw, {}, KV_ERR_NOT_FOUND, true},
+        {"frame chunk shorter than the frame", raw, Pattern(999), KV_ERR_FAILED, true},
+        {"zero row stride", raw, Pattern(1000), KV_ERR_FAILED, true},
+        {"stride below the pixels of a row", Shape(100, 10, 3, 16, kCompressionNone, 1, 100), Pattern(1000),
+         KV_ERR_FAILED, true},
+        {"zero height", Shape(100, 0, 1, 8, kCompressionNone), Pattern(1000), KV_ERR_FAILED, true},
+        {"no bits per component", raw, Pattern(1000), KV_ERR_FAILED, true},
+        {"inflates to more than a frame", packed, TestDeflate(Pattern(2000)), KV_ERR_FAILED, false},
+        {"inflates to less than a frame", packed, TestDeflate(Pattern(500)), KV_ERR_FAILED, false},
+        {"no zlib stream", packed, Pattern(300), KV_ERR_FAILED, false},
     };
-    cases[1].attributes.uiWidthBytes = 0;
-    cases[4].attributes.uiBpcInMemory = 0;
+    cases[2].attributes.uiWidthBytes = 0;
+    cases[5].attributes.uiBpcInMemory = 0;
     for (const Case& c : cases) {
         CFileBuilder b;
         b.Attributes(c.attributes);
-        b.Frame(0, Pattern(c.stored));
+        if (!c.stored.empty()) b.Frame(0, c.stored);
         COpened<CKvQV8InputFile_V03> f(b.Open<CKvQV8InputFile_V03>());
         CGuarded buffer(1000);
-        EXPECT_EQ(KV_ERR_FAILED, f->GetData(0, buffer.data(), nullptr, nullptr)) << c.what;
-        EXPECT_TRUE(buffer.Untouched()) << c.what;
+        EXPECT_EQ(c.expected, f->GetData(0, buffer.data(), nullptr, nullptr)) << c.what;
+        EXPECT_TRUE(c.untouched ? buffer.Untouched() : buffer.GuardsIntact()) << c.what;
+        if (c.stored.empty()) EXPECT_EQ(KV_ERR_INVALID_ARG, f->GetData(0, nullptr, nullptr, nullptr));
     }
 }
 
@@ -374,15 +344,14 @@ TEST(QV8InputFrames, StoredFramesComeFromTheMap) {
     EXPECT_STREQ("", f->GetVersionText().GetString()) << "not given by this opener";
 }
 
+// A per-frame variant tree of another frame is not found even when the
+// file-wide tree of the same tag exists.
 TEST(QV8InputCustomData, RawVariantAndBinaryForms) {
     CFileBuilder b;
     b.Chunk("CustomData|Gr\xC3\xB6\xC3\x9F" "e!", "abc", 3);
     b.Chunk("CustomDataSeq|Tag|4!", "seq", 3);
     b.Chunk(kChunkBinary, "bin", 3);
-    CKvListVariant members;
-    members.Add(CKvVariant(7u, L"uiValue"));
-    const CKvVariant tree(members, L"Custom");
-    b.Lite("CustomDataVar|Tag!", [&](CKvLiteVariantW& w) { w.Set(tree); });
+    b.Lite("CustomDataVar|Tag!", [&](CKvLiteVariantW& w) { w.Set(CKvVariant(7u, L"Tag")); });
     COpened<CKvQV8InputFile_V03> f(b.Open<CKvQV8InputFile_V03>());
 
     CKvByteArray data;
@@ -395,33 +364,25 @@ TEST(QV8InputCustomData, RawVariantAndBinaryForms) {
     EXPECT_EQ(KV_ERR_INVALID_ARG, f->GetCustomData(nullptr, data));
 
     CKvVariant read;
-    ASSERT_EQ(KV_OK, f->GetCustomDataVar(L"Tag", read));
-    uint32_t value = 0;
-    EXPECT_TRUE(KvMeta::Get(read, L"uiValue", value));
-    EXPECT_EQ(7u, value);
     EXPECT_EQ(KV_ERR_NOT_FOUND, f->GetCustomDataVarSeq(L"Tag", 0, read));
-
     EXPECT_EQ(KV_OK, f->GetImageBinary(nullptr));
     CKvByteArray binary;
     ASSERT_EQ(KV_OK, f->GetImageBinary(&binary));
     EXPECT_EQ(CKvByteArray("bin", 3), binary);
 }
 
-TEST(QV8InputVersion2, XmlChunksAndSequenceCountOverride) {
+// Frames, metadata and custom trees of version 2 are covered by the round
+// trips; here the attributes from XML, the caller's sequence count, and the
+// lite-variant chunks that mean nothing to this version.
+TEST(QV8InputVersion2, XmlAttributesAndSequenceCountOverride) {
     const SKvImageAttributes shape = Shape(8, 2, 1, 8, kCompressionZlib, 3);
-    CKvVariant attributes, meta, custom;
+    CKvVariant attributes;
     ASSERT_EQ(KV_OK, SKvImageAttributes::SaveToVariant(attributes, shape));
-    ASSERT_EQ(KV_OK, SKvPictureMetadata::SaveToVariant(meta, Metadata(100.0)));
-    CKvListVariant members;
-    members.Add(CKvVariant(L"text", L"wsNote"));
-    custom = CKvVariant(members, L"Note");
-
+    SKvImageTextInfo info;
+    info.aItems[0] = L"lite";
     CFileBuilder b;
     b.Xml(kChunkAttributes, attributes);
-    b.Xml("ImageMetadataSeq|1!", meta);
-    b.Xml("CustomDataVar|Note!", custom);
-    const Bytes pixels = Pattern(16);
-    b.Frame(0, TestDeflate(pixels));
+    b.Lite(kChunkTextInfoLV, [&](CKvLiteVariantW& w) { SKvImageTextInfo::SaveToLiteVariant(w, info); });
     COpened<CKvQV8InputFile_V02> f(b.Open<CKvQV8InputFile_V02>());
 
     SKvImageAttributes read;
@@ -430,20 +391,6 @@ TEST(QV8InputVersion2, XmlChunksAndSequenceCountOverride) {
     f->SetTotalSequenceCount(9);
     ASSERT_EQ(KV_OK, f->GetImageAttributes(read));
     EXPECT_EQ(9u, read.uiSequenceCount);
-
-    CGuarded frame(16);
-    ASSERT_EQ(KV_OK, f->GetData(0, frame.data(), nullptr, nullptr));
-    EXPECT_EQ(pixels, frame.Inner());
-    SKvPictureMetadata readMeta;
-    ASSERT_EQ(KV_OK, f->GetImageMetadata(0, readMeta, nullptr));
-    EXPECT_EQ(100.0, readMeta.dObjectiveMag);
-    CKvVariant readCustom;
-    ASSERT_EQ(KV_OK, f->GetCustomDataVar(L"Note", readCustom));
-    CKvStringW note;
-    EXPECT_TRUE(KvMeta::Get(readCustom, L"wsNote", note));
-    EXPECT_EQ(CKvStringW(L"text"), note);
-    // Lite-variant chunks mean nothing to this version.
-    SKvImageTextInfo info;
     EXPECT_EQ(KV_ERR_NOT_FOUND, f->GetImageTextInfo(info));
 }
 
@@ -452,8 +399,6 @@ TEST(QV8InputVersion1, EveryReadFailsAndWritesNothing) {
     b.Attributes(Shape(2, 2, 1, 8, kCompressionNone));
     b.Frame(0, Pattern(4));
     COpened<CKvQV8InputFile_V01> f(b.Open<CKvQV8InputFile_V01>());
-    EXPECT_EQ(2u, f->AddRef());
-    EXPECT_EQ(1u, f->Release());
 
     CGuarded buffer(4);
     SKvImageAttributes attributes;

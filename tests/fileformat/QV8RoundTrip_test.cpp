@@ -61,6 +61,18 @@ SKvExperiment* Experiment() {
     return time;
 }
 
+IKvOutputImageFile* Create(const std::wstring& path) {
+    IKvOutputImageFile* out = nullptr;
+    EXPECT_EQ(KV_OK, CKvImageFormatQV8::Shared()->CreateOutputImageFile(CKvStringW(path.c_str()), out));
+    return out;
+}
+
+IKvInputImageFile* Read(const std::wstring& path, kv_result expected = KV_OK) {
+    IKvInputImageFile* in = nullptr;
+    EXPECT_EQ(expected, CKvImageFormatQV8::Shared()->CreateInputImageFile(CKvStringW(path.c_str()), in));
+    return in;
+}
+
 struct SWritten {
     SKvImageAttributes attributes;
     std::vector<std::vector<uint8_t>> frames;
@@ -155,19 +167,15 @@ void CheckAll(IKvInputImageFile* in, const SWritten& w) {
 
 TEST(QV8File, EverySampleSizeRoundTripsRawAndCompressed) {
     CTestTempDir dir;
-    CKvImageFormatQV8 format;
     int n = 0;
     for (uint8_t bits : {8, 16, 32}) {
         for (uint32_t comps : {1u, 3u}) {
             for (uint32_t compression : {kCompressionNone, kCompressionZlib}) {
                 SCOPED_TRACE(::testing::Message() << int(bits) << " bits, " << comps << " comps, " << compression);
                 const std::wstring path = dir.WideFile(("f" + std::to_string(n++) + ".qv8").c_str());
-                IKvOutputImageFile* out = nullptr;
-                ASSERT_EQ(KV_OK, format.CreateOutputImageFile(CKvStringW(path.c_str()), out));
-                const SWritten w = WriteAll(out, Shape(37, 11, comps, bits, compression, 3), 4);
-                IKvInputImageFile* in = nullptr;
-                ASSERT_EQ(KV_OK, format.CreateInputImageFile(CKvStringW(path.c_str()), in));
-                EXPECT_NE(nullptr, dynamic_cast<CKvQV8InputFile_V03*>(in));
+                const SWritten w = WriteAll(Create(path), Shape(37, 11, comps, bits, compression, 3), 4);
+                IKvInputImageFile* in = Read(path);
+                ASSERT_NE(nullptr, dynamic_cast<CKvQV8InputFile_V03*>(in));
                 CheckAll(in, w);
                 in->Release();
             }
@@ -184,13 +192,11 @@ TEST(QV8File, VersionTwoFilesRoundTripThroughTheirOwnClasses) {
         ASSERT_EQ(KV_OK, empty.Initialize_File(path.c_str(), false, false, version));
         ASSERT_EQ(KV_OK, empty.Finalize());
     }
-    CKvImageFormatQV8 format;
-    IKvOutputImageFile* out = nullptr;
-    ASSERT_EQ(KV_OK, format.CreateOutputImageFile(CKvStringW(path.c_str()), out));
+    IKvOutputImageFile* out = Create(path);
     ASSERT_EQ(nullptr, dynamic_cast<CKvQV8OutputFile_V03*>(out));
     const SWritten w = WriteAll(out, Shape(16, 8, 1, 16, kCompressionZlib, 0), 3);
-    IKvInputImageFile* in = nullptr;
-    ASSERT_EQ(KV_OK, format.CreateInputImageFile(CKvStringW(path.c_str()), in));
+    IKvInputImageFile* in = Read(path);
+    ASSERT_NE(nullptr, in);
     EXPECT_EQ(nullptr, dynamic_cast<CKvQV8InputFile_V03*>(in));
     CheckAll(in, w);
     in->Release();
@@ -199,18 +205,14 @@ TEST(QV8File, VersionTwoFilesRoundTripThroughTheirOwnClasses) {
 TEST(QV8File, UnfinishedFileIsReadableOnceItsMapIsRebuilt) {
     CTestTempDir dir;
     const std::wstring path = dir.WideFile("crash.qv8");
-    CKvImageFormatQV8 format;
-    IKvOutputImageFile* out = nullptr;
-    ASSERT_EQ(KV_OK, format.CreateOutputImageFile(CKvStringW(path.c_str()), out));
+    IKvOutputImageFile* out = Create(path);
     const SKvImageAttributes shape = Shape(64, 4, 1, 8, kCompressionNone);
     ASSERT_EQ(KV_OK, out->SetImageAttributes(shape));
     const std::vector<uint8_t> pixels = Frame(shape, 0);
     ASSERT_EQ(KV_OK, out->FlushData(0, const_cast<uint8_t*>(pixels.data()), nullptr, nullptr));
     out->Release();  // never finalized
 
-    IKvInputImageFile* in = nullptr;
-    EXPECT_EQ(KV_ERR_REFUSED_VERSION, format.CreateInputImageFile(CKvStringW(path.c_str()), in));
-    EXPECT_EQ(nullptr, in);
+    EXPECT_EQ(nullptr, Read(path, KV_ERR_REFUSED_VERSION));
     {
         CKvFileChunker repair;
         CKvStringA version;
@@ -218,19 +220,16 @@ TEST(QV8File, UnfinishedFileIsReadableOnceItsMapIsRebuilt) {
         ASSERT_EQ(KV_OK, repair.CreateMissingChunkMap(nullptr, nullptr, nullptr));
         repair.Finalize();
     }
-    ASSERT_EQ(KV_OK, format.CreateInputImageFile(CKvStringW(path.c_str()), in));
-    std::vector<uint8_t> back(pixels.size());
-    ASSERT_EQ(KV_OK, in->GetData(0, back.data(), nullptr, nullptr));
-    EXPECT_EQ(pixels, back);
-    in->Release();
-
     // Appending to the repaired file keeps its frame.
-    ASSERT_EQ(KV_OK, format.CreateOutputImageFile(CKvStringW(path.c_str()), out));
+    out = Create(path);
+    ASSERT_NE(nullptr, out);
     const std::vector<uint8_t> second = Frame(shape, 1);
     ASSERT_EQ(KV_OK, out->FlushData(1, const_cast<uint8_t*>(second.data()), nullptr, nullptr));
     ASSERT_EQ(KV_OK, out->Finalize());
     out->Release();
-    ASSERT_EQ(KV_OK, format.CreateInputImageFile(CKvStringW(path.c_str()), in));
+    IKvInputImageFile* in = Read(path);
+    ASSERT_NE(nullptr, in);
+    std::vector<uint8_t> back(pixels.size());
     SKvImageAttributes attributes;
     ASSERT_EQ(KV_OK, in->GetImageAttributes(attributes));
     EXPECT_EQ(2u, attributes.uiSequenceCount);
@@ -244,10 +243,7 @@ TEST(QV8File, UnfinishedFileIsReadableOnceItsMapIsRebuilt) {
 TEST(QV8File, LoadPictureFromFileTakesFrameZero) {
     CTestTempDir dir;
     const std::wstring path = dir.WideFile("one.qv8");
-    CKvImageFormatQV8 format;
-    IKvOutputImageFile* out = nullptr;
-    ASSERT_EQ(KV_OK, format.CreateOutputImageFile(CKvStringW(path.c_str()), out));
-    const SWritten w = WriteAll(out, Shape(9, 5, 3, 8, kCompressionZlib, 1), 2);
+    const SWritten w = WriteAll(Create(path), Shape(9, 5, 3, 8, kCompressionZlib, 1), 2);
     SKvPicBuf picture;
     double calibration = 7, aspect = 7;
     SKvPictureMetadata meta;
