@@ -168,7 +168,9 @@ TEST(QV8InputFrames, DamagedFramesAreRefusedWithinTheCallersBuffer) {
         CGuarded buffer(1000);
         EXPECT_EQ(c.expected, f->GetData(0, buffer.data(), nullptr, nullptr)) << c.what;
         EXPECT_TRUE(c.untouched ? buffer.Untouched() : buffer.GuardsIntact()) << c.what;
-        if (c.stored.empty()) EXPECT_EQ(KV_ERR_INVALID_ARG, f->GetData(0, nullptr, nullptr, nullptr));
+        if (c.stored.empty()) {
+            EXPECT_EQ(KV_ERR_INVALID_ARG, f->GetData(0, nullptr, nullptr, nullptr));
+        }
     }
 }
 
